@@ -1,0 +1,44 @@
+# Quick start on a fresh Debian 12 machine:
+#   make run    install what is missing, build, open the console on the virtual board
+#   make test   install what is missing, build, run the whole suite (also under ASan+UBSan)
+PRESET ?= default
+JOBS ?= 2
+
+.PHONY: all deps build run test test-default test-asan test-tsan clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET)
+
+run: build
+	scripts/run-board build/$(PRESET)
+
+test: deps
+	$(MAKE) --no-print-directory test-default
+	$(MAKE) --no-print-directory test-asan
+
+test-default:
+	cmake --preset default
+	cmake --build --preset default
+	ctest --preset default -j$(JOBS)
+
+test-asan:
+	cmake --preset asan
+	cmake --build --preset asan
+	ctest --preset asan -j$(JOBS)
+
+# ThreadSanitizer run: not part of `make test` (umockdev's preload and
+# GLib's worker threads make it slow); findings are fixed or suppressed
+# narrowly in tests/tsan.supp with the reason.
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan
+	ctest --preset tsan -j$(JOBS)
+
+clean:
+	rm -rf build

@@ -1,0 +1,144 @@
+/*
+ * The virtual board: a umockdev testbed in which the module's /dev and /sys
+ * paths resolve to simulated peripherals, plus a private board root for the
+ * module's other files (AVMANAGER_ROOT) and property store
+ * (AVMANAGER_PROPERTY_DIR). The process must run under umockdev-wrapper.
+ *
+ * Every peripheral node the module knows is masked when the board comes up
+ * (a broken symlink in the testbed, so nothing falls through to the host's
+ * real devices); a model claims its node when it is constructed.
+ */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+typedef struct _UMockdevTestbed UMockdevTestbed;
+typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
+
+namespace sim {
+
+using Clock = std::chrono::steady_clock;
+
+// One record of what crossed a link.
+struct TraceEvent {
+    Clock::time_point when;
+    std::string link;           // "dsp", "ptz", "i2c-1", "controlC2", ...
+    bool toDevice;              // true: module -> peripheral
+    std::vector<uint8_t> bytes; // raw bytes (serial) or a rendered record (ioctl)
+    std::string note;           // human-readable rendering, may be empty
+};
+
+// Live trace of every link of a board; the console prints it as it grows.
+class Trace {
+public:
+    void add(TraceEvent event);
+    std::vector<TraceEvent> snapshot() const;
+    void clear();
+    // Called for every new event (from the thread that added it).
+    void setListener(std::function<void(const TraceEvent &)> listener);
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<TraceEvent> events_;
+    std::function<void(const TraceEvent &)> listener_;
+};
+
+class Board {
+public:
+    Board();
+    ~Board();
+    Board(const Board &) = delete;
+    Board &operator=(const Board &) = delete;
+
+    // Board root: AVMANAGER_ROOT points here; the property store is
+    // root()/properties.
+    const std::string &root() const { return root_; }
+    // An absolute device path as it lies under the root ("/tmp/x" ->
+    // root()+"/tmp/x").
+    std::string rootPath(const std::string &absolutePath) const;
+    // Writes a file under the root, creating its directories.
+    void writeFile(const std::string &absolutePath, const std::string &content);
+    std::string readFile(const std::string &absolutePath) const;
+
+    UMockdevTestbed *testbed() { return testbed_; }
+    Trace &trace() { return trace_; }
+
+    // Claims a masked node as a pty-backed serial line; returns the master
+    // descriptor (owned by the board).
+    int addSerialNode(const std::string &devnode);
+    // Hides a node again (a peripheral that was removed).
+    void mask(const std::string &devnode);
+
+private:
+    UMockdevTestbed *testbed_ = nullptr;
+    std::string root_;
+    Trace trace_;
+};
+
+// Board side of a serial line: a reader thread hands every chunk the module
+// writes to a receiver; write() sends bytes to the module, optionally paced
+// at a real line rate. Both directions are traced.
+class SerialLine {
+public:
+    using Receiver = std::function<void(const uint8_t *data, size_t size)>;
+    SerialLine(Board &board, const std::string &devnode, std::string link);
+    ~SerialLine();
+    void start(Receiver receiver);
+    void stop();
+    // Writes all bytes to the module (the module's port read timing joins
+    // bytes less than 0.1 s apart into one chunk).
+    bool write(const void *data, size_t size);
+    // 0: as fast as possible; otherwise bytes are paced at baud/10 per second.
+    void setLineRate(unsigned baud);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// One ioctl/read/write call from the module on an emulated node. Pointer
+// arguments are resolved into local memory; changes are synced back when
+// the call completes.
+class IoctlCall {
+public:
+    explicit IoctlCall(UMockdevIoctlClient *client) : client_(client) {}
+    unsigned long request() const;
+    // The argument as an integer (for requests that pass a value).
+    unsigned long argValue() const;
+    // The memory the argument points to (len bytes), or nullptr.
+    void *resolveArg(size_t len);
+    // Memory a pointer at `offset` inside already resolved `parent` points
+    // to (len bytes), or nullptr.
+    void *resolvePointer(void *parent, size_t offset, size_t len);
+
+private:
+    UMockdevIoctlClient *client_;
+    struct Resolved;
+    std::vector<std::shared_ptr<void>> keep_;
+    friend class IoctlNode;
+    void *data_ = nullptr; // UMockdevIoctlData of the argument
+};
+
+// A node whose ioctls a model answers: handle() returns the ioctl result
+// and sets *err for a negative one. Runs on umockdev's worker thread.
+class IoctlNode {
+public:
+    using Handler = std::function<int(IoctlCall &call, int *err)>;
+    IoctlNode(Board &board, const std::string &devnode, Handler handler);
+    ~IoctlNode();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// Polls pred every few milliseconds until it holds or the timeout passes.
+bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout);
+
+} // namespace sim
