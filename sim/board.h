@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,6 +34,10 @@ struct TraceEvent {
     std::vector<uint8_t> bytes; // raw bytes (serial) or a rendered record (ioctl)
     std::string note;           // human-readable rendering, may be empty
 };
+
+// Escapes bytes for display: printable ASCII as is, the rest as \0, \n,
+// \xNN, ...
+std::string renderBytes(const uint8_t *data, size_t size);
 
 // Live trace of every link of a board; the console prints it as it grows.
 class Trace {
@@ -74,11 +79,21 @@ public:
     int addSerialNode(const std::string &devnode);
     // Hides a node again (a peripheral that was removed).
     void mask(const std::string &devnode);
+    // Claims a node as a plain emulated device (a regular file until an
+    // ioctl handler is attached); returns its sysfs path, "" on failure.
+    std::string addNode(const std::string &devnode);
+    // Where a /dev node lies inside the testbed.
+    std::string devPath(const std::string &devnode) const;
 
 private:
+    void unmask(const std::string &devnode);
+
     UMockdevTestbed *testbed_ = nullptr;
+    std::string testbedRoot_; // umockdev's directory (UMOCKDEV_DIR)
     std::string root_;
     Trace trace_;
+    std::mutex nodesMutex_;                       // guards sysPaths_
+    std::map<std::string, std::string> sysPaths_; // devnode -> sysfs device
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module
@@ -107,7 +122,15 @@ private:
 // the call completes.
 class IoctlCall {
 public:
-    explicit IoctlCall(UMockdevIoctlClient *client) : client_(client) {}
+    enum class Kind { Ioctl, Read, Write };
+    explicit IoctlCall(UMockdevIoctlClient *client, Kind kind = Kind::Ioctl)
+        : client_(client), kind_(kind)
+    {
+    }
+    // ioctl(), read() or write() on the node. For read/write the handler
+    // returns the byte count.
+    Kind kind() const { return kind_; }
+    // The ioctl request (0 for read/write).
     unsigned long request() const;
     // The argument as an integer (for requests that pass a value).
     unsigned long argValue() const;
@@ -116,13 +139,17 @@ public:
     // Memory a pointer at `offset` inside already resolved `parent` points
     // to (len bytes), or nullptr.
     void *resolvePointer(void *parent, size_t offset, size_t len);
+    // read(): the buffer to fill (bufferSize() bytes requested);
+    // write(): the bytes written. nullptr/0 for an ioctl.
+    uint8_t *buffer();
+    size_t bufferSize() const;
 
 private:
+    void *keep(void *resolved);
+
     UMockdevIoctlClient *client_;
-    struct Resolved;
-    std::vector<std::shared_ptr<void>> keep_;
-    friend class IoctlNode;
-    void *data_ = nullptr; // UMockdevIoctlData of the argument
+    Kind kind_;
+    std::vector<std::shared_ptr<void>> keep_; // resolved blocks, released after completion
 };
 
 // A node whose ioctls a model answers: handle() returns the ioctl result

@@ -1,0 +1,645 @@
+/*
+ * The virtual board core: the umockdev testbed, the private board root, the
+ * live trace, pty-backed serial lines and ioctl-emulated nodes.
+ *
+ * Threads: the test (or console) thread builds and tears down the board and
+ * its models; every SerialLine runs one reader thread; ioctl handlers run on
+ * umockdev's worker thread. Trace is the only state shared by all of them
+ * and is guarded by its own mutex. Board's node bookkeeping (which devnode
+ * is backed by which sysfs device) is guarded by nodesMutex_.
+ */
+#include "board.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include <umockdev.h>
+
+namespace sim {
+
+namespace {
+
+// Every peripheral node the module knows; all of them start masked.
+constexpr const char *kKnownNodes[] = {
+    "/dev/ttyS1",   "/dev/ttyS2",   "/dev/i2c-1",   "/dev/snd/controlC2",
+    "/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", "/dev/hidraw3",
+    "/dev/hidraw4", "/dev/hidraw5", "/dev/hidraw6", "/dev/hidraw7",
+    "/dev/hidraw8", "/dev/hidraw9",
+};
+
+// Target of the broken symlink that hides a node.
+constexpr const char *kMaskTarget = "/nonexistent/avm-board-masked-node";
+
+// Directories every board root carries for the module's own files.
+constexpr const char *kRootDirs[] = {
+    "/tmp", "/mnt/expand", "/mnt/vendor/param/audio", "/system/etc/dsp_config",
+    "/data", "/properties",
+};
+
+// Serial reader poll period: bounds how long stop() waits for the thread.
+constexpr int kReaderPollMs = 20;
+// Pause after the module closed its end (the master reports EIO/HUP until
+// the port is reopened).
+constexpr auto kClosedPortPause = std::chrono::milliseconds(5);
+// Paced writes sleep after this many bytes.
+constexpr size_t kPaceGroup = 8;
+// A write that cannot make progress for this long fails.
+constexpr auto kWriteStall = std::chrono::seconds(2);
+
+std::string nodeName(const std::string &devnode)
+{
+    constexpr std::string_view prefix = "/dev/";
+    if (devnode.compare(0, prefix.size(), prefix) == 0)
+        return devnode.substr(prefix.size());
+    return devnode;
+}
+
+// Subsystem recorded for an emulated node; only informative for the module.
+std::string subsystemFor(const std::string &name)
+{
+    if (name.rfind("tty", 0) == 0)
+        return "tty";
+    if (name.rfind("snd/", 0) == 0)
+        return "sound";
+    if (name.rfind("i2c-", 0) == 0)
+        return "i2c-dev";
+    if (name.rfind("hidraw", 0) == 0)
+        return "hidraw";
+    return "misc";
+}
+
+// Renders bytes as a C-like string literal body: printable ASCII as is,
+// the rest escaped.
+std::string escapeBytes(const uint8_t *data, size_t size)
+{
+    std::string out;
+    out.reserve(size + 8);
+    for (size_t i = 0; i < size; ++i) {
+        const uint8_t c = data[i];
+        switch (c) {
+        case 0: out += "\\0"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        case '\\': out += "\\\\"; break;
+        case '"': out += "\\\""; break;
+        default:
+            if (c >= 0x20 && c < 0x7f) {
+                out += static_cast<char>(c);
+            } else {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\x%02x", c);
+                out += buf;
+            }
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+std::string renderBytes(const uint8_t *data, size_t size) { return escapeBytes(data, size); }
+
+// ---------------------------------------------------------------- Trace
+
+void Trace::add(TraceEvent event)
+{
+    std::function<void(const TraceEvent &)> listener;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+        listener = listener_;
+    }
+    if (listener)
+        listener(event);
+}
+
+std::vector<TraceEvent> Trace::snapshot() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+}
+
+void Trace::clear()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.clear();
+}
+
+void Trace::setListener(std::function<void(const TraceEvent &)> listener)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    listener_ = std::move(listener);
+}
+
+// ---------------------------------------------------------------- Board
+
+Board::Board()
+{
+    const char *preload = getenv("LD_PRELOAD");
+    if (!preload || !std::strstr(preload, "umockdev-preload"))
+        std::fprintf(stderr, "virtual board: not running under umockdev-wrapper; "
+                             "/dev and /sys are not redirected\n");
+    testbed_ = umockdev_testbed_new();
+    gchar *tbRoot = umockdev_testbed_get_root_dir(testbed_);
+    testbedRoot_ = tbRoot ? tbRoot : "";
+    g_free(tbRoot);
+
+    char tmpl[] = "/tmp/avm-board-XXXXXX";
+    if (char *dir = mkdtemp(tmpl)) {
+        root_ = dir;
+    } else {
+        std::fprintf(stderr, "virtual board: mkdtemp failed: %s\n", std::strerror(errno));
+        std::abort();
+    }
+    setenv("AVMANAGER_ROOT", root_.c_str(), 1);
+    setenv("AVMANAGER_PROPERTY_DIR", (root_ + "/properties").c_str(), 1);
+    std::error_code ec;
+    for (const char *dir : kRootDirs)
+        std::filesystem::create_directories(root_ + dir, ec);
+
+    for (const char *node : kKnownNodes)
+        mask(node);
+}
+
+Board::~Board()
+{
+    trace_.setListener(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(nodesMutex_);
+        for (auto &entry : sysPaths_)
+            umockdev_testbed_remove_device(testbed_, entry.second.c_str());
+        sysPaths_.clear();
+    }
+    // Finalizing the testbed stops its ioctl worker and removes its
+    // directory.
+    g_object_unref(testbed_);
+    testbed_ = nullptr;
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+    std::filesystem::remove_all(testbedRoot_, ec);
+}
+
+std::string Board::rootPath(const std::string &absolutePath) const
+{
+    if (!absolutePath.empty() && absolutePath[0] == '/')
+        return root_ + absolutePath;
+    return root_ + "/" + absolutePath;
+}
+
+void Board::writeFile(const std::string &absolutePath, const std::string &content)
+{
+    const std::string path = rootPath(absolutePath);
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string Board::readFile(const std::string &absolutePath) const
+{
+    std::ifstream in(rootPath(absolutePath), std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string Board::devPath(const std::string &devnode) const
+{
+    return testbedRoot_ + "/dev/" + nodeName(devnode);
+}
+
+void Board::unmask(const std::string &devnode)
+{
+    const std::string path = devPath(devnode);
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
+        unlink(path.c_str());
+}
+
+std::string Board::addNode(const std::string &devnode)
+{
+    std::lock_guard<std::mutex> lock(nodesMutex_);
+    auto it = sysPaths_.find(devnode);
+    if (it != sysPaths_.end()) {
+        umockdev_testbed_remove_device(testbed_, it->second.c_str());
+        sysPaths_.erase(it);
+    }
+    unmask(devnode);
+    const std::string name = nodeName(devnode);
+    std::string leaf = name;
+    std::replace(leaf.begin(), leaf.end(), '/', '_');
+    const std::string subsystem = subsystemFor(name);
+    const std::string devpath = "/devices/platform/avm-board/" + subsystem + "/" + leaf;
+    const std::string record = "P: " + devpath + "\nN: " + name + "\nE: SUBSYSTEM=" + subsystem +
+                               "\nE: DEVNAME=" + devnode + "\n\n";
+    GError *error = nullptr;
+    if (!umockdev_testbed_add_from_string(testbed_, record.c_str(), &error)) {
+        std::fprintf(stderr, "virtual board: cannot add %s: %s\n", devnode.c_str(),
+                     error ? error->message : "?");
+        g_clear_error(&error);
+        return std::string();
+    }
+    const std::string syspath = "/sys" + devpath;
+    sysPaths_[devnode] = syspath;
+    return syspath;
+}
+
+int Board::addSerialNode(const std::string &devnode)
+{
+    if (addNode(devnode).empty())
+        return -1;
+    const int master = umockdev_testbed_get_dev_fd(testbed_, devnode.c_str());
+    if (master < 0) {
+        std::fprintf(stderr, "virtual board: %s is not backed by a pty\n", devnode.c_str());
+        return -1;
+    }
+    // A UART has no line discipline: put the slave side in raw mode until
+    // the module configures it, so nothing is echoed or translated.
+    if (const char *slave = ptsname(master)) {
+        const int fd = open(slave, O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (fd >= 0) {
+            struct termios tio;
+            if (tcgetattr(fd, &tio) == 0) {
+                cfmakeraw(&tio);
+                tcsetattr(fd, TCSANOW, &tio);
+            }
+            close(fd);
+        }
+    }
+    return master;
+}
+
+void Board::mask(const std::string &devnode)
+{
+    {
+        std::lock_guard<std::mutex> lock(nodesMutex_);
+        auto it = sysPaths_.find(devnode);
+        if (it != sysPaths_.end()) {
+            umockdev_testbed_remove_device(testbed_, it->second.c_str());
+            sysPaths_.erase(it);
+        }
+    }
+    const std::string path = devPath(devnode);
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    unlink(path.c_str());
+    if (symlink(kMaskTarget, path.c_str()) != 0)
+        std::fprintf(stderr, "virtual board: cannot mask %s: %s\n", devnode.c_str(),
+                     std::strerror(errno));
+}
+
+// ---------------------------------------------------------------- SerialLine
+
+struct SerialLine::Impl {
+    Board &board;
+    std::string devnode;
+    std::string link;
+    int fd = -1;                       // our own dup of the pty master
+    std::atomic<unsigned> baud{0};     // pacing; 0 = unpaced
+    std::atomic<bool> stopping{false}; // set by stop(), read by the reader
+    std::thread reader;                // started by start()
+    std::mutex writeMutex;             // one writer at a time keeps chunks whole
+    Receiver receiver;                 // called on the reader thread
+
+    Impl(Board &b, std::string node, std::string name)
+        : board(b), devnode(std::move(node)), link(std::move(name))
+    {
+    }
+
+    void trace(bool toDevice, const uint8_t *data, size_t size)
+    {
+        TraceEvent event;
+        event.when = Clock::now();
+        event.link = link;
+        event.toDevice = toDevice;
+        event.bytes.assign(data, data + size);
+        event.note = escapeBytes(data, size);
+        board.trace().add(std::move(event));
+    }
+
+    void run()
+    {
+        uint8_t buf[4096];
+        while (!stopping.load(std::memory_order_relaxed)) {
+            struct pollfd pfd = {fd, POLLIN, 0};
+            const int ready = poll(&pfd, 1, kReaderPollMs);
+            if (ready < 0) {
+                if (errno != EINTR)
+                    std::this_thread::sleep_for(kClosedPortPause);
+                continue;
+            }
+            if (ready == 0)
+                continue;
+            if (!(pfd.revents & POLLIN)) {
+                // Hang-up: the module has its end closed; wait for a reopen.
+                std::this_thread::sleep_for(kClosedPortPause);
+                continue;
+            }
+            const ssize_t n = read(fd, buf, sizeof buf);
+            if (n > 0) {
+                trace(true, buf, static_cast<size_t>(n));
+                if (receiver)
+                    receiver(buf, static_cast<size_t>(n));
+            } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+                std::this_thread::sleep_for(kClosedPortPause);
+            }
+        }
+    }
+
+    bool writeSome(const uint8_t *data, size_t size)
+    {
+        size_t done = 0;
+        auto lastProgress = Clock::now();
+        while (done < size) {
+            const ssize_t n = ::write(fd, data + done, size - done);
+            if (n > 0) {
+                done += static_cast<size_t>(n);
+                lastProgress = Clock::now();
+                continue;
+            }
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+                return false;
+            if (Clock::now() - lastProgress > kWriteStall)
+                return false;
+            struct pollfd pfd = {fd, POLLOUT, 0};
+            poll(&pfd, 1, kReaderPollMs);
+        }
+        return true;
+    }
+};
+
+SerialLine::SerialLine(Board &board, const std::string &devnode, std::string link)
+    : impl_(std::make_unique<Impl>(board, devnode, std::move(link)))
+{
+    const int master = board.addSerialNode(devnode);
+    if (master >= 0) {
+        // The testbed owns its descriptor; ours survives a mask() of the node.
+        impl_->fd = fcntl(master, F_DUPFD_CLOEXEC, 0);
+        if (impl_->fd >= 0) {
+            const int flags = fcntl(impl_->fd, F_GETFL);
+            fcntl(impl_->fd, F_SETFL, flags | O_NONBLOCK);
+        }
+    }
+}
+
+SerialLine::~SerialLine()
+{
+    stop();
+    if (impl_->fd >= 0)
+        close(impl_->fd);
+}
+
+void SerialLine::start(Receiver receiver)
+{
+    if (impl_->reader.joinable() || impl_->fd < 0)
+        return;
+    impl_->receiver = std::move(receiver);
+    impl_->stopping.store(false, std::memory_order_relaxed);
+    impl_->reader = std::thread([impl = impl_.get()] { impl->run(); });
+}
+
+void SerialLine::stop()
+{
+    impl_->stopping.store(true, std::memory_order_relaxed);
+    if (impl_->reader.joinable())
+        impl_->reader.join();
+}
+
+bool SerialLine::write(const void *data, size_t size)
+{
+    if (impl_->fd < 0)
+        return false;
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    std::lock_guard<std::mutex> lock(impl_->writeMutex);
+    const unsigned baud = impl_->baud.load(std::memory_order_relaxed);
+    bool ok = true;
+    if (baud == 0) {
+        ok = impl_->writeSome(bytes, size);
+    } else {
+        // Ten bit times per byte (start, eight data, stop).
+        const double bytesPerSecond = baud / 10.0;
+        const auto start = Clock::now();
+        for (size_t done = 0; done < size && ok;) {
+            const size_t n = std::min(kPaceGroup, size - done);
+            ok = impl_->writeSome(bytes + done, n);
+            done += n;
+            const auto due = start + std::chrono::duration_cast<Clock::duration>(
+                                         std::chrono::duration<double>(done / bytesPerSecond));
+            std::this_thread::sleep_until(due);
+        }
+    }
+    impl_->trace(false, bytes, size);
+    return ok;
+}
+
+void SerialLine::setLineRate(unsigned baud) { impl_->baud.store(baud, std::memory_order_relaxed); }
+
+// ---------------------------------------------------------------- IoctlCall
+
+unsigned long IoctlCall::request() const
+{
+    return kind_ == Kind::Ioctl ? umockdev_ioctl_client_get_request(client_) : 0;
+}
+
+unsigned long IoctlCall::argValue() const
+{
+    UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(client_);
+    unsigned long value = 0;
+    if (arg && arg->data && arg->data_len > 0)
+        std::memcpy(&value, arg->data, std::min(sizeof value, static_cast<size_t>(arg->data_len)));
+    return value;
+}
+
+void *IoctlCall::keep(void *resolved)
+{
+    auto *data = static_cast<UMockdevIoctlData *>(resolved);
+    keep_.emplace_back(data, [](void *p) { g_object_unref(p); });
+    return data->data;
+}
+
+void *IoctlCall::resolveArg(size_t len)
+{
+    if (kind_ != Kind::Ioctl || len == 0)
+        return nullptr;
+    UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(client_);
+    if (!arg || argValue() == 0)
+        return nullptr;
+    GError *error = nullptr;
+    UMockdevIoctlData *resolved = umockdev_ioctl_data_resolve(arg, 0, len, &error);
+    if (!resolved) {
+        g_clear_error(&error);
+        return nullptr;
+    }
+    return keep(resolved);
+}
+
+void *IoctlCall::resolvePointer(void *parent, size_t offset, size_t len)
+{
+    if (!parent || len == 0)
+        return nullptr;
+    for (auto &held : keep_) {
+        auto *data = static_cast<UMockdevIoctlData *>(held.get());
+        if (data->data != parent)
+            continue;
+        if (data->data_len < 0 || offset + sizeof(void *) > static_cast<size_t>(data->data_len))
+            return nullptr;
+        void *pointer = nullptr;
+        std::memcpy(&pointer, data->data + offset, sizeof pointer);
+        if (!pointer)
+            return nullptr;
+        GError *error = nullptr;
+        UMockdevIoctlData *resolved = umockdev_ioctl_data_resolve(data, offset, len, &error);
+        if (!resolved) {
+            g_clear_error(&error);
+            return nullptr;
+        }
+        return keep(resolved);
+    }
+    return nullptr;
+}
+
+uint8_t *IoctlCall::buffer()
+{
+    if (kind_ == Kind::Ioctl)
+        return nullptr;
+    UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(client_);
+    return arg ? arg->data : nullptr;
+}
+
+size_t IoctlCall::bufferSize() const
+{
+    if (kind_ == Kind::Ioctl)
+        return 0;
+    UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(client_);
+    return arg && arg->data_len > 0 ? static_cast<size_t>(arg->data_len) : 0;
+}
+
+// ---------------------------------------------------------------- IoctlNode
+
+namespace {
+
+// Shared between the node and umockdev's worker thread; freed when the
+// signal handlers are gone (GLib keeps it alive through a running emission).
+struct IoctlState {
+    std::mutex mutex;            // held while a handler runs and by ~IoctlNode
+    bool alive = true;           // false once the node is being torn down
+    IoctlNode::Handler handler;  // the model's handler
+};
+
+struct SignalData {
+    std::shared_ptr<IoctlState> state;
+    IoctlCall::Kind kind;
+};
+
+gboolean onCall(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer user)
+{
+    auto *data = static_cast<SignalData *>(user);
+    int err = 0;
+    long ret = -1;
+    {
+        std::lock_guard<std::mutex> lock(data->state->mutex);
+        if (data->state->alive && data->state->handler) {
+            IoctlCall call(client, data->kind);
+            ret = data->state->handler(call, &err);
+            if (ret >= 0)
+                err = 0;
+            else if (err == 0)
+                err = EIO;
+            umockdev_ioctl_client_complete(client, ret, err);
+            return TRUE;
+        }
+    }
+    umockdev_ioctl_client_complete(client, -1, ENODEV);
+    return TRUE;
+}
+
+void freeSignalData(gpointer user, GClosure *) { delete static_cast<SignalData *>(user); }
+
+} // namespace
+
+struct IoctlNode::Impl {
+    Board &board;
+    std::string devnode;
+    UMockdevIoctlBase *base = nullptr;  // our handler object, attached to devnode
+    std::shared_ptr<IoctlState> state;  // see IoctlState
+    bool attached = false;              // attach succeeded
+
+    explicit Impl(Board &b) : board(b) {}
+};
+
+IoctlNode::IoctlNode(Board &board, const std::string &devnode, Handler handler)
+    : impl_(std::make_unique<Impl>(board))
+{
+    impl_->devnode = devnode;
+    impl_->state = std::make_shared<IoctlState>();
+    impl_->state->handler = std::move(handler);
+    if (board.addNode(devnode).empty())
+        return;
+    impl_->base = umockdev_ioctl_base_new();
+    const std::pair<const char *, IoctlCall::Kind> signals[] = {
+        {"handle-ioctl", IoctlCall::Kind::Ioctl},
+        {"handle-read", IoctlCall::Kind::Read},
+        {"handle-write", IoctlCall::Kind::Write},
+    };
+    for (const auto &sig : signals)
+        g_signal_connect_data(impl_->base, sig.first, G_CALLBACK(onCall),
+                              new SignalData{impl_->state, sig.second}, freeSignalData,
+                              GConnectFlags(0));
+    GError *error = nullptr;
+    impl_->attached =
+        umockdev_testbed_attach_ioctl(board.testbed(), devnode.c_str(), impl_->base, &error);
+    if (!impl_->attached) {
+        std::fprintf(stderr, "virtual board: cannot attach ioctl handler to %s: %s\n",
+                     devnode.c_str(), error ? error->message : "?");
+        g_clear_error(&error);
+    }
+}
+
+IoctlNode::~IoctlNode()
+{
+    {
+        // Waits for a handler that is running right now.
+        std::lock_guard<std::mutex> lock(impl_->state->mutex);
+        impl_->state->alive = false;
+    }
+    if (impl_->attached)
+        umockdev_testbed_detach_ioctl(impl_->board.testbed(), impl_->devnode.c_str(), nullptr);
+    if (impl_->base) {
+        g_signal_handlers_disconnect_matched(impl_->base, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
+                                             reinterpret_cast<gpointer>(onCall), nullptr);
+        g_object_unref(impl_->base);
+    }
+}
+
+// ---------------------------------------------------------------- waitUntil
+
+bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
+{
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        if (pred())
+            return true;
+        if (Clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+} // namespace sim
