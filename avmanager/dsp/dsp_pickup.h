@@ -9,6 +9,10 @@
 extern "C" {
 #endif
 
+/* Audio-out routes by index; the setter takes the name, the getter returns
+ * the index. */
+enum { AUDIO_OUT_SPEAKER = 0, AUDIO_OUT_LINEOUT = 1, AUDIO_OUT_EARPHONE = 2, AUDIO_OUT_WIREMIC = 3 };
+
 int dspHal_set_doa_status(int on);
 int dspHal_get_doa_status(void);
 int dspHal_set_mic_bar_angle(int startAngle, int endAngle, int isStatic);
@@ -18,6 +22,14 @@ int dspHal_get_audioMode(void);
 
 #ifdef __cplusplus
 }
+#endif
+
+#ifdef __cplusplus
+struct UserEqInfo;
+// Asks the DSP for one user-equaliser band and waits for the answer: the
+// band's record in userEqInfo once it was reported, null for an index of 8
+// or more (nothing is sent) or when no reply came within 900 ms.
+extern "C" UserEqInfo *get_dsp_EQInfo(unsigned index);
 #endif
 
 #endif
