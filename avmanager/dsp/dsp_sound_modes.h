@@ -5,8 +5,18 @@
 #ifndef AVM_DSP_SOUND_MODES_H
 #define AVM_DSP_SOUND_MODES_H
 
+#define DSP_SOUND_MODE_USER 4 /* bands from the stereo-enhancer ini */
+#define DSP_STEREO_ENHANCER_INI "/mnt/vendor/param/audio/quor_stereo_enhancer.ini"
+
 #ifdef __cplusplus
+#include <atomic>
 extern "C" {
+/* Current sound mode 0..4; follows every accepted switch and every
+ * dspHal_get_soundMode. Binder threads and the restore thread. */
+extern std::atomic<int> g_soundMode;
+/* 1 until the first speaker-placement request of a floor/wall product has
+ * loaded the amplifier tuning files, then 0 for the life of the process. */
+extern std::atomic<int> FirstTime;
 #endif
 
 int dspHal_set_soundMode(int mode);
