@@ -12,8 +12,8 @@
 
 #include <android/log.h>
 #include <fcntl.h>
-#include <sound/asound.h>
 #include <sys/ioctl.h>
+#include <sound/asound.h>
 #include <unistd.h>
 
 #include <cstdint>

@@ -1,0 +1,201 @@
+/*
+ * Audio feature of the DSP model. Commands arrive on the DSP model's
+ * serial reader thread; the state is guarded by one mutex because tests
+ * and the console read and change it from their own threads. Replies are
+ * sent outside the lock.
+ */
+#include "dsp_audio_model.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace sim {
+
+namespace {
+
+bool startsWith(std::string_view s, std::string_view prefix)
+{
+    return s.substr(0, prefix.size()) == prefix;
+}
+
+std::string format(const char *fmt, double a)
+{
+    char buf[64];
+    snprintf(buf, sizeof buf, fmt, a);
+    return buf;
+}
+
+} // namespace
+
+DspAudio::DspAudio(DspModel &dsp) : dsp_(dsp)
+{
+    dsp_.addResponder([this](DspModel &d, const std::string &command) { return handle(d, command); });
+}
+
+void DspAudio::announceVersion(const std::string &text)
+{
+    dsp_.send("VER_FULL=" + text);
+}
+
+void DspAudio::raiseDoa(int angle)
+{
+    dsp_.send("MIC_DOA=" + std::to_string(angle));
+}
+
+bool DspAudio::handle(DspModel &dsp, const std::string &command)
+{
+    std::string_view c = command;
+    std::string reply;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (c == "MV=?") {
+            reply = format("MV=%.2f", mainDb_);
+        } else if (startsWith(c, "MV=")) {
+            mainDb_ = strtof(command.c_str() + 3, nullptr);
+        } else if (c == "VS=?") {
+            reply = format("VS=%.2f", spdifDb_);
+        } else if (startsWith(c, "VS=")) {
+            spdifDb_ = strtof(command.c_str() + 3, nullptr);
+        } else if (c == "MT=?") {
+            reply = mainMuted_ ? "MT=1" : "MT=0";
+        } else if (c == "MT=1" || c == "MT=0") {
+            mainMuted_ = c == "MT=1";
+        } else if (startsWith(c, "BAL_LEFT=")) {
+            balanceLeft_ = strtof(command.c_str() + 9, nullptr);
+        } else if (startsWith(c, "BAL_RIGHT=")) {
+            balanceRight_ = strtof(command.c_str() + 10, nullptr);
+        } else if (startsWith(c, "USER_EQ[")) {
+            int index = -1;
+            int consumed = 0;
+            if (sscanf(command.c_str(), "USER_EQ[%d]=%n", &index, &consumed) < 1 || consumed == 0 ||
+                index < 0 || index > 7)
+                return false;
+            const char *rest = command.c_str() + consumed;
+            if (std::string_view(rest) == "?") {
+                const EqBand &b = eq_[index];
+                char buf[96];
+                snprintf(buf, sizeof buf, "USER_EQ[%d]=%d,%d,%.4f,%.4f", index, b.type, b.freq,
+                         static_cast<double>(b.gain), static_cast<double>(b.q));
+                reply = buf;
+            } else {
+                EqBand b;
+                if (sscanf(rest, "%d,%d,%f,%f", &b.type, &b.freq, &b.gain, &b.q) != 4)
+                    return false;
+                eq_[index] = b;
+            }
+        } else if (c == "MIC_DOA_REP=?") {
+            reply = doaReporting_ ? "MIC_DOA_REP=1" : "MIC_DOA_REP=0";
+        } else if (startsWith(c, "MIC_DOA_REP=")) {
+            doaReporting_ = atoi(command.c_str() + 12) != 0;
+        } else if (c == "AOM=?") {
+            reply = "AOM=" + route_;
+        } else if (startsWith(c, "AOM=")) {
+            route_ = command.substr(4);
+        } else if (startsWith(c, "MIC_BAR=")) {
+            MicBar bar;
+            char tail[16] = {};
+            int n = sscanf(command.c_str() + 8, "%d,%d,%15s", &bar.start, &bar.end, tail);
+            if (n < 2)
+                return false;
+            bar.isStatic = n == 3 && std::string_view(tail) == "static";
+            micBar_ = bar;
+        } else if (startsWith(c, "ZOOM_MODE=")) {
+            zoomMode_ = atoi(command.c_str() + 10);
+        } else if (startsWith(c, "SPK_EQ_MODE=")) {
+            speakerEqMode_ = command.substr(12);
+        } else if (startsWith(c, "PER_STAT=") && c.size() > 9 && c.back() == '?') {
+            int peripheral = atoi(command.c_str() + 9);
+            auto it = hotPlug_.find(peripheral);
+            // "id, state": the blank after the comma is what makes the
+            // module's overlapping token copy read id and state apart.
+            reply = "PER_STAT=" + std::to_string(peripheral) + ", " +
+                    std::to_string(it == hotPlug_.end() ? 0 : it->second);
+        } else if (c == "PD=1") {
+            poweredDown_ = true;
+        } else {
+            return false;
+        }
+    }
+    if (!reply.empty())
+        dsp.send(reply);
+    return true;
+}
+
+#define SIM_GETTER(type, name, expr)                                                               \
+    type DspAudio::name() const                                                                    \
+    {                                                                                              \
+        std::lock_guard<std::mutex> lock(mutex_);                                                  \
+        return expr;                                                                               \
+    }
+
+SIM_GETTER(float, mainDb, mainDb_)
+SIM_GETTER(float, spdifDb, spdifDb_)
+SIM_GETTER(bool, mainMuted, mainMuted_)
+SIM_GETTER(float, balanceLeft, balanceLeft_)
+SIM_GETTER(float, balanceRight, balanceRight_)
+SIM_GETTER(bool, doaReporting, doaReporting_)
+SIM_GETTER(std::string, audioOutRoute, route_)
+SIM_GETTER(DspAudio::MicBar, micBar, micBar_)
+SIM_GETTER(int, zoomMode, zoomMode_)
+SIM_GETTER(std::string, speakerEqMode, speakerEqMode_)
+SIM_GETTER(bool, poweredDown, poweredDown_)
+#undef SIM_GETTER
+
+DspAudio::EqBand DspAudio::eqBand(unsigned index) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return index < eq_.size() ? eq_[index] : EqBand{};
+}
+
+int DspAudio::hotPlugState(int peripheral) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = hotPlug_.find(peripheral);
+    return it == hotPlug_.end() ? 0 : it->second;
+}
+
+void DspAudio::setMainDb(float db)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    mainDb_ = db;
+}
+
+void DspAudio::setSpdifDb(float db)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    spdifDb_ = db;
+}
+
+void DspAudio::setMainMuted(bool muted)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    mainMuted_ = muted;
+}
+
+void DspAudio::setDoaReporting(bool on)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    doaReporting_ = on;
+}
+
+void DspAudio::setAudioOutRoute(const std::string &route)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    route_ = route;
+}
+
+void DspAudio::setEqBand(unsigned index, const EqBand &band)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (index < eq_.size())
+        eq_[index] = band;
+}
+
+void DspAudio::setHotPlugState(int peripheral, int state)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    hotPlug_[peripheral] = state;
+}
+
+} // namespace sim

@@ -1,0 +1,85 @@
+/*
+ * Audio feature of the DSP model: keeps the DSP's audio state (main and
+ * S/PDIF level in dB, main mute, balance, the eight user-equaliser bands,
+ * DOA reporting, audio-out route, microphone-bar sector, zoom mode, speaker
+ * placement, hot-plug state per peripheral), applies the set commands the
+ * module sends and answers its queries in the DSP's reply forms. It can
+ * also announce a firmware version and raise sound-direction reports.
+ * Silence and garbage are the DSP model's fault modes.
+ */
+#pragma once
+
+#include <array>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "dsp_model.h"
+
+namespace sim {
+
+class DspAudio {
+public:
+    struct EqBand {
+        int type = 0;
+        int freq = 0;
+        float gain = 0.0f;
+        float q = 0.0f;
+    };
+    struct MicBar {
+        int start = 0;
+        int end = 180;
+        bool isStatic = false;
+    };
+
+    explicit DspAudio(DspModel &dsp);
+
+    // Sends "VER_FULL=<text>", as a DSP that has just booted does.
+    void announceVersion(const std::string &text);
+    // Sends a sound-direction report "MIC_DOA=<angle>".
+    void raiseDoa(int angle);
+
+    float mainDb() const;
+    float spdifDb() const;
+    bool mainMuted() const;
+    float balanceLeft() const;
+    float balanceRight() const;
+    EqBand eqBand(unsigned index) const; // index 0..7
+    bool doaReporting() const;
+    std::string audioOutRoute() const;
+    MicBar micBar() const;
+    int zoomMode() const;
+    std::string speakerEqMode() const; // "" until set
+    int hotPlugState(int peripheral) const;
+    bool poweredDown() const;
+
+    // Board-side changes (what the DSP would report next).
+    void setMainDb(float db);
+    void setSpdifDb(float db);
+    void setMainMuted(bool muted);
+    void setDoaReporting(bool on);
+    void setAudioOutRoute(const std::string &route);
+    void setEqBand(unsigned index, const EqBand &band);
+    void setHotPlugState(int peripheral, int state);
+
+private:
+    bool handle(DspModel &dsp, const std::string &command);
+
+    DspModel &dsp_;
+    mutable std::mutex mutex_; // guards everything below (serial reader thread vs. test)
+    float mainDb_ = -20.0f;
+    float spdifDb_ = -20.0f;
+    bool mainMuted_ = false;
+    float balanceLeft_ = 1.0f;
+    float balanceRight_ = 1.0f;
+    std::array<EqBand, 8> eq_{};
+    bool doaReporting_ = false;
+    std::string route_ = "SPEAKER";
+    MicBar micBar_{};
+    int zoomMode_ = 0;
+    std::string speakerEqMode_;
+    std::map<int, int> hotPlug_;
+    bool poweredDown_ = false;
+};
+
+} // namespace sim
