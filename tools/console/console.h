@@ -1,0 +1,102 @@
+/*
+ * avconsole: stands in for the system service on the virtual board. It
+ * brings up the board with every peripheral model, sets the feature
+ * switches, loads the module through the platform loader, runs its start-up
+ * and then reads commands: module operations by name, model commands,
+ * trace and property commands.
+ *
+ * Threads: the main thread runs the command loop; the board's reader and
+ * ioctl threads print trace events through consolePrint(), which keeps
+ * lines whole.
+ */
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "avmanager_hal.h"
+#include "sim/board.h"
+
+namespace console {
+
+using Args = std::vector<std::string>;
+
+// Prints one line (a newline is added) without tearing against trace
+// output from other threads.
+void consolePrint(const std::string &line);
+
+// ------------------------------------------------------------ models
+
+// The models of one board, built in order and destroyed in reverse order
+// (features that hang on a model go before it).
+class ModelSet {
+public:
+    // Handles "<name> <args...>"; returns false for an unknown subcommand.
+    template <class M>
+    using Commands = std::function<bool(M &model, const Args &args)>;
+
+    ModelSet() = default;
+    ModelSet(const ModelSet &) = delete;
+    ModelSet &operator=(const ModelSet &) = delete;
+    ~ModelSet();
+
+    template <class M>
+    M &add(std::string name, std::unique_ptr<M> model, Commands<M> commands = {},
+           std::string help = {})
+    {
+        M &ref = *model;
+        Entry entry;
+        entry.name = std::move(name);
+        entry.help = std::move(help);
+        entry.holder = std::shared_ptr<void>(model.release(), [](void *p) { delete static_cast<M *>(p); });
+        if (commands)
+            entry.command = [&ref, commands](const Args &args) { return commands(ref, args); };
+        entries_.push_back(std::move(entry));
+        return ref;
+    }
+
+    bool has(const std::string &name) const;
+    // Runs a model command; false when no model of that name takes it.
+    bool command(const std::string &name, const Args &args) const;
+    // "name: help" lines of the models that take commands.
+    std::vector<std::string> helpLines() const;
+    std::vector<std::string> names() const;
+
+private:
+    struct Entry {
+        std::string name;
+        std::string help;
+        std::shared_ptr<void> holder;
+        std::function<bool(const Args &)> command;
+    };
+    std::vector<Entry> entries_;
+};
+
+// Builds every model that exists on the board (one line per model).
+void buildModels(sim::Board &board, ModelSet &models);
+
+// ------------------------------------------------------------ operations
+
+// Kind of one operation argument as typed on the command line.
+enum class ArgKind { Int, Text };
+
+struct Operation {
+    const char *name;               // operation name without "avmanager_"
+    std::vector<ArgKind> args;      // what the command line supplies
+    const char *note;               // shown by help (argument meaning)
+};
+
+// The 50 operations in slot order.
+const std::vector<Operation> &operations();
+// Calls the operation `name` of the loaded module with args; prints the
+// result. false when the name is unknown or the arguments do not parse.
+bool callOperation(const avmanager_module_t *hal, const std::string &name, const Args &args);
+
+// Parses a decimal or 0x-prefixed integer.
+bool parseInt(const std::string &text, long *value);
+// Turns \0 \n \r \t \\ \xNN escapes into bytes.
+std::string unescape(const std::string &text);
+
+} // namespace console

@@ -1,0 +1,302 @@
+/*
+ * avconsole entry point: board bring-up, feature switches, module loading
+ * and start-up, then the command loop (interactive, from a script, or the
+ * built-in demo when stdin is not a terminal).
+ */
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+#include <cutils/properties.h>
+#include <hardware/hardware.h>
+
+#include "console.h"
+
+namespace console {
+
+namespace {
+
+std::mutex gPrintMutex;                 // keeps console lines whole
+std::atomic<bool> gTraceOn{true};       // live trace printing
+std::atomic<long long> gLastTraffic{0}; // steady-clock ns of the last trace event
+
+constexpr const char *kDspSwitch = "persist.vendor.dsp.communication";
+constexpr const char *kCamSwitch = "persist.vendor.cam.communication";
+
+// How long the demo waits for the traffic a command caused.
+constexpr auto kQuietGap = std::chrono::milliseconds(250);
+constexpr auto kSettleCap = std::chrono::milliseconds(3000);
+
+const char *const kDemo[] = {
+    "set_volume 2 40",
+    "get_volume 2",
+    "set_mute 2 1",
+    "get_mute 2",
+    "send_cmd_to_dsp VER_FULL=?",
+    "dsp say MV=-9.00",
+    "dsp log",
+};
+
+long long nowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               sim::Clock::now().time_since_epoch())
+        .count();
+}
+
+void printEvent(const sim::TraceEvent &event)
+{
+    gLastTraffic.store(nowNs(), std::memory_order_relaxed);
+    if (!gTraceOn.load(std::memory_order_relaxed))
+        return;
+    std::string note = event.note;
+    if (note.empty())
+        note = sim::renderBytes(event.bytes.data(), event.bytes.size());
+    consolePrint("  " + event.link + (event.toDevice ? " <- \"" : " -> \"") + note + "\"");
+}
+
+// Waits until no traffic has crossed any link for kQuietGap (at most
+// kSettleCap), so a command's traffic prints under it.
+void settle()
+{
+    const auto start = sim::Clock::now();
+    const auto gap = std::chrono::duration_cast<std::chrono::nanoseconds>(kQuietGap).count();
+    sim::waitUntil(
+        [&] {
+            const long long since = nowNs() - gLastTraffic.load(std::memory_order_relaxed);
+            return since >= gap && sim::Clock::now() - start >= kQuietGap;
+        },
+        kSettleCap);
+}
+
+Args split(const std::string &line)
+{
+    Args out;
+    std::istringstream in(line);
+    std::string word;
+    while (in >> word)
+        out.push_back(word);
+    return out;
+}
+
+void listProperties()
+{
+    const char *dir = getenv("AVMANAGER_PROPERTY_DIR");
+    DIR *d = dir ? opendir(dir) : nullptr;
+    if (!d) {
+        consolePrint("(no property store)");
+        return;
+    }
+    std::vector<std::string> keys;
+    while (dirent *entry = readdir(d))
+        if (entry->d_name[0] != '.')
+            keys.push_back(entry->d_name);
+    closedir(d);
+    std::sort(keys.begin(), keys.end());
+    for (const auto &key : keys) {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get(key.c_str(), value, "");
+        consolePrint("[" + key + "]: [" + value + "]");
+    }
+}
+
+void help(const ModelSet &models)
+{
+    consolePrint("module operations (name without \"avmanager_\"):");
+    const auto &ops = operations();
+    for (size_t slot = 0; slot < ops.size(); ++slot) {
+        std::string line = "  " + std::to_string(slot) + "\t" + ops[slot].name;
+        if (ops[slot].note[0])
+            line += std::string(" ") + ops[slot].note;
+        consolePrint(line);
+    }
+    consolePrint("models:");
+    for (const auto &line : models.helpLines())
+        consolePrint("  " + line);
+    consolePrint("console:");
+    consolePrint("  help | trace on|off | props | getprop <key> | setprop <key> <value>");
+    consolePrint("  sleep <ms> | quit");
+}
+
+enum class Outcome { Continue, Quit };
+
+Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::string &line)
+{
+    const Args words = split(line);
+    if (words.empty() || words[0][0] == '#')
+        return Outcome::Continue;
+    const std::string &cmd = words[0];
+    const Args rest(words.begin() + 1, words.end());
+    if (cmd == "quit" || cmd == "exit")
+        return Outcome::Quit;
+    if (cmd == "help") {
+        help(models);
+    } else if (cmd == "trace" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
+        gTraceOn.store(rest[0] == "on", std::memory_order_relaxed);
+    } else if (cmd == "props") {
+        listProperties();
+    } else if (cmd == "getprop" && rest.size() == 1) {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get(rest[0].c_str(), value, "");
+        consolePrint(value);
+    } else if (cmd == "setprop" && rest.size() == 2) {
+        if (property_set(rest[0].c_str(), rest[1].c_str()) != 0)
+            consolePrint("setprop failed");
+    } else if (cmd == "sleep" && rest.size() == 1) {
+        long ms = 0;
+        if (parseInt(rest[0], &ms) && ms > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    } else if (models.has(cmd)) {
+        if (!models.command(cmd, rest))
+            consolePrint("unknown " + cmd + " command (try help)");
+    } else if (!callOperation(hal, cmd, rest)) {
+        bool known = false;
+        for (const auto &op : operations())
+            known = known || cmd == op.name;
+        if (!known)
+            consolePrint("unknown command: " + cmd + " (try help)");
+    }
+    return Outcome::Continue;
+}
+
+void usage()
+{
+    std::printf("usage: avconsole [--script FILE] [--dsp 0|1] [--cam 0|1] [--prop KEY=VALUE]...\n"
+                "                 [--no-trace]\n"
+                "Runs under umockdev-wrapper (scripts/run-board). Without a terminal and\n"
+                "without --script it plays a short demo and exits.\n");
+}
+
+} // namespace
+
+void consolePrint(const std::string &line)
+{
+    std::lock_guard<std::mutex> lock(gPrintMutex);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+} // namespace console
+
+int main(int argc, char **argv)
+{
+    using namespace console;
+    std::string script;
+    std::string dspSwitch = "1";
+    std::string camSwitch;
+    std::vector<std::pair<std::string, std::string>> extraProps;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--script" && hasValue) {
+            script = argv[++i];
+        } else if (arg == "--dsp" && hasValue) {
+            dspSwitch = argv[++i];
+        } else if (arg == "--cam" && hasValue) {
+            camSwitch = argv[++i];
+        } else if (arg == "--prop" && hasValue) {
+            const std::string kv = argv[++i];
+            const size_t eq = kv.find('=');
+            if (eq == std::string::npos) {
+                usage();
+                return 2;
+            }
+            extraProps.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+        } else if (arg == "--no-trace") {
+            gTraceOn.store(false);
+        } else if (arg == "--help" || arg == "-h") {
+            usage();
+            return 0;
+        } else {
+            usage();
+            return 2;
+        }
+    }
+
+    int status = 0;
+    {
+        sim::Board board;
+        board.trace().setListener(printEvent);
+        ModelSet models;
+        buildModels(board, models);
+        if (camSwitch.empty())
+            camSwitch = models.has("ptz") ? "1" : "0";
+        property_set(kDspSwitch, dspSwitch.c_str());
+        property_set(kCamSwitch, camSwitch.c_str());
+        for (const auto &[key, value] : extraProps)
+            property_set(key.c_str(), value.c_str());
+
+        std::string names;
+        for (const auto &name : models.names())
+            names += " " + name;
+        consolePrint("virtual board at " + board.root() + "; models:" + names);
+
+        const hw_module_t *module = nullptr;
+        const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
+        if (loaded != 0 || !module) {
+            consolePrint("cannot load " + std::string(AVMANAGER_HARDWARE_MODULE_ID) + ": " +
+                         std::strerror(loaded < 0 ? -loaded : EINVAL));
+            board.trace().setListener(nullptr);
+            return 1;
+        }
+        const auto *hal = reinterpret_cast<const avmanager_module_t *>(module);
+        consolePrint("> hal_init");
+        consolePrint("= " + std::to_string(hal->hal_init()));
+        settle();
+
+        const bool interactive = script.empty() && isatty(STDIN_FILENO);
+        if (!script.empty()) {
+            std::ifstream in(script);
+            if (!in) {
+                consolePrint("cannot read " + script);
+                status = 1;
+            }
+            std::string line;
+            while (status == 0 && std::getline(in, line)) {
+                if (line.empty() || line[0] == '#')
+                    continue;
+                consolePrint("> " + line);
+                if (run(hal, models, line) == Outcome::Quit)
+                    break;
+                settle();
+            }
+        } else if (interactive) {
+            consolePrint("type help for the commands, quit to leave");
+            std::string line;
+            for (;;) {
+                {
+                    std::lock_guard<std::mutex> lock(gPrintMutex);
+                    std::fputs("avm> ", stdout);
+                    std::fflush(stdout);
+                }
+                if (!std::getline(std::cin, line))
+                    break;
+                if (run(hal, models, line) == Outcome::Quit)
+                    break;
+            }
+        } else {
+            for (const char *line : kDemo) {
+                consolePrint(std::string("> ") + line);
+                run(hal, models, line);
+                settle();
+            }
+        }
+
+        consolePrint("> hal_release");
+        consolePrint("= " + std::to_string(hal->hal_release()));
+        settle();
+        board.trace().setListener(nullptr);
+    }
+    return status;
+}

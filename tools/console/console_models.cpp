@@ -1,0 +1,146 @@
+/*
+ * The peripheral models the console puts on its board, and their console
+ * commands. Adding a model is one models.add(...) line in buildModels().
+ */
+#include <cstdlib>
+
+#include "console.h"
+#include "sim/dsp_file_store.h"
+#include "sim/dsp_model.h"
+
+namespace console {
+
+ModelSet::~ModelSet()
+{
+    // Features that hang on a model were added after it: drop them first.
+    while (!entries_.empty())
+        entries_.pop_back();
+}
+
+bool ModelSet::has(const std::string &name) const
+{
+    for (const auto &entry : entries_)
+        if (entry.name == name)
+            return true;
+    return false;
+}
+
+bool ModelSet::command(const std::string &name, const Args &args) const
+{
+    for (const auto &entry : entries_)
+        if (entry.name == name && entry.command)
+            return entry.command(args);
+    return false;
+}
+
+std::vector<std::string> ModelSet::helpLines() const
+{
+    std::vector<std::string> lines;
+    for (const auto &entry : entries_)
+        if (entry.command)
+            lines.push_back(entry.help);
+    return lines;
+}
+
+std::vector<std::string> ModelSet::names() const
+{
+    std::vector<std::string> out;
+    for (const auto &entry : entries_)
+        out.push_back(entry.name);
+    return out;
+}
+
+namespace {
+
+// Joins args[from..] with single spaces (the text of "dsp say ...").
+std::string joinFrom(const Args &args, size_t from)
+{
+    std::string out;
+    for (size_t i = from; i < args.size(); ++i) {
+        if (i > from)
+            out += ' ';
+        out += args[i];
+    }
+    return out;
+}
+
+bool onOff(const Args &args, size_t index, bool *value)
+{
+    if (args.size() <= index)
+        return false;
+    if (args[index] == "on" || args[index] == "1") {
+        *value = true;
+        return true;
+    }
+    if (args[index] == "off" || args[index] == "0") {
+        *value = false;
+        return true;
+    }
+    return false;
+}
+
+bool dspCommands(sim::DspModel &dsp, const Args &args)
+{
+    if (args.empty())
+        return false;
+    const std::string &sub = args[0];
+    if (sub == "say" && args.size() >= 2) {
+        dsp.send(unescape(joinFrom(args, 1)));
+        return true;
+    }
+    if (sub == "log") {
+        const auto commands = dsp.commands();
+        consolePrint("dsp received " + std::to_string(commands.size()) + " command(s)");
+        for (const auto &command : commands)
+            consolePrint("  \"" + sim::renderBytes(reinterpret_cast<const uint8_t *>(command.data()),
+                                                   command.size()) + "\"");
+        return true;
+    }
+    if (sub == "clear") {
+        dsp.clearCommands();
+        return true;
+    }
+    bool on = false;
+    if (sub == "silent" && onOff(args, 1, &on)) {
+        dsp.setSilent(on);
+        return true;
+    }
+    if (sub == "garbage" && onOff(args, 1, &on)) {
+        dsp.setGarbage(on);
+        return true;
+    }
+    long baud = 0;
+    if (sub == "rate" && args.size() == 2 && parseInt(args[1], &baud) && baud >= 0) {
+        dsp.setLineRate(static_cast<unsigned>(baud));
+        return true;
+    }
+    return false;
+}
+
+bool dspFileCommands(sim::DspFileStore &files, const Args &args)
+{
+    if (args.size() == 1 && args[0] == "reboot") {
+        files.reboot();
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "log") {
+        for (const auto &command : files.fileCommands())
+            consolePrint("  " + command);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+void buildModels(sim::Board &board, ModelSet &models)
+{
+    auto &dsp = models.add("dsp", std::make_unique<sim::DspModel>(board), ModelSet::Commands<sim::DspModel>(dspCommands),
+                           "dsp say <text> | log | clear | silent on|off | garbage on|off | rate <baud>");
+    models.add("dspfs", std::make_unique<sim::DspFileStore>(dsp), ModelSet::Commands<sim::DspFileStore>(dspFileCommands),
+               "dspfs reboot | log");
+    // Further peripherals: one models.add(...) line each, here. A model
+    // named "ptz" turns the camera feature switch on by default.
+}
+
+} // namespace console
