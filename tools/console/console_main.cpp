@@ -42,6 +42,7 @@ const char *const kDemo[] = {
     "get_volume 2",
     "set_mute 2 1",
     "get_mute 2",
+    "set_volume 0 30",
     "send_cmd_to_dsp VER_FULL=?",
     "dsp say MV=-9.00",
     "dsp log",

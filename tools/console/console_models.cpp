@@ -5,8 +5,10 @@
 #include <cstdlib>
 
 #include "console.h"
+#include "sim/dsp_audio_model.h"
 #include "sim/dsp_file_store.h"
 #include "sim/dsp_model.h"
+#include "sim/uac_mixer_model.h"
 
 namespace console {
 
@@ -131,6 +133,50 @@ bool dspFileCommands(sim::DspFileStore &files, const Args &args)
     return false;
 }
 
+bool dspAudioCommands(sim::DspAudio &audio, const Args &args)
+{
+    long value = 0;
+    if (args.size() >= 2 && args[0] == "version") {
+        audio.announceVersion(joinFrom(args, 1));
+        return true;
+    }
+    if (args.size() == 2 && args[0] == "doa" && parseInt(args[1], &value)) {
+        audio.raiseDoa(static_cast<int>(value));
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "state") {
+        consolePrint("main " + std::to_string(audio.mainDb()) + " dB" +
+                     (audio.mainMuted() ? " (muted)" : "") + ", spdif " +
+                     std::to_string(audio.spdifDb()) + " dB, balance " +
+                     std::to_string(audio.balanceLeft()) + "/" + std::to_string(audio.balanceRight()) +
+                     ", route " + audio.audioOutRoute() + ", speaker eq \"" + audio.speakerEqMode() +
+                     "\", doa " + (audio.doaReporting() ? "on" : "off"));
+        return true;
+    }
+    return false;
+}
+
+bool uacCommands(sim::UacMixer &mixer, const Args &args)
+{
+    long value = 0;
+    if (args.size() == 1 && args[0] == "state") {
+        consolePrint("switch " + std::to_string(mixer.switchValue()) + ", volume " +
+                     std::to_string(mixer.volume()));
+        return true;
+    }
+    if (args.size() == 2 && args[0] == "volume" && parseInt(args[1], &value)) {
+        mixer.setVolume(value);
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "calls") {
+        for (const auto &call : mixer.calls())
+            consolePrint(std::string("  ") + (call.write ? "write" : "read") + " numid " +
+                         std::to_string(call.numid) + " = " + std::to_string(call.value));
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
 void buildModels(sim::Board &board, ModelSet &models)
@@ -139,6 +185,10 @@ void buildModels(sim::Board &board, ModelSet &models)
                            "dsp say <text> | log | clear | silent on|off | garbage on|off | rate <baud>");
     models.add("dspfs", std::make_unique<sim::DspFileStore>(dsp), ModelSet::Commands<sim::DspFileStore>(dspFileCommands),
                "dspfs reboot | log");
+    models.add("audio", std::make_unique<sim::DspAudio>(dsp), ModelSet::Commands<sim::DspAudio>(dspAudioCommands),
+               "audio version <text> | doa <angle> | state");
+    models.add("uac", std::make_unique<sim::UacMixer>(board), ModelSet::Commands<sim::UacMixer>(uacCommands),
+               "uac state | volume <value> | calls");
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }
