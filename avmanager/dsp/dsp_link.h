@@ -7,8 +7,13 @@
 #ifndef AVM_DSP_LINK_H
 #define AVM_DSP_LINK_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <pthread.h>
+
+#ifdef __cplusplus
+#include <atomic>
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -66,7 +71,55 @@ void *init_parameter_thread(void *arg);
  * The one way every DSP unit posts; returns dsp_mkfifo_write's result. */
 int dsp_post(int32_t cmd, const char *text);
 
+/* Receive dispatch, as the receive thread runs it on every chunk it reads:
+ * the first reply handler whose prefix starts the text gets it, then the
+ * file-transfer handler gets the whole record regardless. `chunk->length`
+ * is the number of bytes read (at most 512); the handlers always see a
+ * terminated text. Returns the 1-based row of the handler that matched, or
+ * 0 when none did. Any bytes are accepted. */
+int dsp_rx_dispatch(const DspRequest *chunk);
+/* The 1-based row of the reply handler the text would go to, or 0. */
+int dsp_rx_match(const char *text);
+/* Number of rows of the reply dispatch table. */
+int dsp_rx_row_count(void);
+/* Name of the handler of a 1-based row, or NULL outside the table. */
+const char *dsp_rx_handler_name(int row);
+/* Prefix of a 1-based row, or NULL outside the table. */
+const char *dsp_rx_prefix(int row);
+
 #ifdef __cplusplus
+}
+
+/* The link device record. Written by the service thread in
+ * dsp_process_init/dsp_process_deinit; read by the transmit, receive and
+ * file-transfer threads. */
+struct DspHalDev {
+    std::atomic<int32_t> fd;  /* serial port, -1 when closed; set by init/deinit, read by the link's threads */
+    pthread_t txThread;       /* transmit thread; service thread (init sets, deinit joins and clears) */
+    pthread_t rxThread;       /* receive thread; service thread (init sets, deinit joins and clears) */
+    pthread_t auxThread;      /* joined at shutdown but started by nothing, so it stays zero */
+    uint32_t reserved;        /* unused word of the record */
+    std::atomic<int32_t> running; /* 1 while the link is up; service thread writes, link threads read */
+};
+
+/* The request pipe's two ends. Both start at 0 (not -1) until
+ * dsp_mkfifo_init sets them to -1: a request posted before the link is up
+ * goes to descriptor 0. The write end is opened, used and dropped by any
+ * posting thread; the read end belongs to the transmit thread. */
+struct DspFifoDev {
+    std::atomic<int32_t> writeFd; /* write end; any posting thread */
+    std::atomic<int32_t> readFd;  /* read end; transmit thread (and dsp_mkfifo_init) */
+};
+
+extern "C" {
+extern DspHalDev gDspHalDev;
+extern DspFifoDev gDspFifoDev;
+/* Created and destroyed with the link; no operation holds it. */
+extern pthread_mutex_t dspLock;
+/* Set while a parameter restore runs: taken by the receive thread, released
+ * by the restore thread (a flag, since a mutex may not be unlocked by a
+ * thread that does not own it). */
+extern std::atomic_flag initParameterLock;
 }
 #endif
 
