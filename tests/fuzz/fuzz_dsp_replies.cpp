@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "dsp/dsp_replies.h"
@@ -16,9 +17,18 @@ struct PropertyDir {
     PropertyDir()
     {
         char dir[] = "/tmp/avm_fuzz_replies_XXXXXX";
-        if (mkdtemp(dir) != nullptr)
+        if (mkdtemp(dir) != nullptr) {
+            path = dir;
             setenv("AVMANAGER_PROPERTY_DIR", dir, 1);
+        }
     }
+    ~PropertyDir()
+    {
+        std::error_code ignored;
+        if (!path.empty())
+            std::filesystem::remove_all(path, ignored);
+    }
+    std::string path;
 };
 const PropertyDir gPropertyDir;
 
