@@ -263,7 +263,7 @@ int AmpModel::handle(IoctlCall &call, int *err)
                 const unsigned len = msgs[m].len;
                 uint8_t *buf = len == 0 ? nullptr
                                         : static_cast<uint8_t *>(call.resolvePointer(
-                                              &msgs[m], offsetof(i2c_msg, buf), len));
+                                              msgs, m * sizeof(i2c_msg) + offsetof(i2c_msg, buf), len));
                 if (len != 0 && buf == nullptr) {
                     *err = EFAULT;
                     result = -1;
