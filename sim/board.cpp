@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -531,6 +532,114 @@ size_t IoctlCall::bufferSize() const
     return arg && arg->data_len > 0 ? static_cast<size_t>(arg->data_len) : 0;
 }
 
+// Completes deferred calls that nobody answered in time. One per node,
+// its thread started on the first timed deferral.
+struct Deferrals {
+    struct Entry {
+        Clock::time_point due;
+        std::shared_ptr<PendingCall> call;
+        int result;
+    };
+    std::mutex mutex;              // guards entries and stopping
+    std::condition_variable wake;  // new entry or stop
+    std::vector<Entry> entries;    // timed deferrals not yet expired
+    bool stopping = false;
+    std::thread thread;            // the expiry thread
+
+    void add(std::shared_ptr<PendingCall> call, Clock::time_point due, int result)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping)
+            return;
+        entries.push_back({due, std::move(call), result});
+        if (!thread.joinable())
+            thread = std::thread([this] { run(); });
+        wake.notify_all();
+    }
+
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopping) {
+            auto next = Clock::now() + std::chrono::seconds(1);
+            std::vector<Entry> expired;
+            for (auto it = entries.begin(); it != entries.end();) {
+                if (it->call->completed()) {
+                    it = entries.erase(it);
+                } else if (it->due <= Clock::now()) {
+                    expired.push_back(std::move(*it));
+                    it = entries.erase(it);
+                } else {
+                    next = std::min(next, it->due);
+                    ++it;
+                }
+            }
+            if (!expired.empty()) {
+                lock.unlock();
+                for (auto &entry : expired)
+                    entry.call->complete(entry.result);
+                expired.clear();
+                lock.lock();
+                continue;
+            }
+            wake.wait_until(lock, next);
+        }
+    }
+
+    void stop()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+            wake.notify_all();
+        }
+        if (thread.joinable())
+            thread.join();
+        entries.clear();
+    }
+};
+
+std::shared_ptr<PendingCall> IoctlCall::defer(std::chrono::milliseconds expireAfter, int expireResult)
+{
+    deferred_ = true;
+    auto pending = std::make_shared<PendingCall>(client_, kind_ == Kind::Read);
+    if (expireAfter.count() > 0 && deferrals_)
+        deferrals_->add(pending, Clock::now() + expireAfter, expireResult);
+    return pending;
+}
+
+// ---------------------------------------------------------------- PendingCall
+
+PendingCall::PendingCall(UMockdevIoctlClient *client, bool read)
+    : client_(static_cast<UMockdevIoctlClient *>(g_object_ref(client))), read_(read)
+{
+}
+
+PendingCall::~PendingCall()
+{
+    complete(-1, EIO);
+    g_object_unref(client_);
+}
+
+uint8_t *PendingCall::buffer()
+{
+    UMockdevIoctlData *arg = read_ ? umockdev_ioctl_client_get_arg(client_) : nullptr;
+    return arg ? arg->data : nullptr;
+}
+
+size_t PendingCall::bufferSize() const
+{
+    UMockdevIoctlData *arg = read_ ? umockdev_ioctl_client_get_arg(client_) : nullptr;
+    return arg && arg->data_len > 0 ? static_cast<size_t>(arg->data_len) : 0;
+}
+
+void PendingCall::complete(int result, int err)
+{
+    if (done_.exchange(true))
+        return;
+    umockdev_ioctl_client_complete(client_, result, result >= 0 ? 0 : (err ? err : EIO));
+}
+
 // ---------------------------------------------------------------- IoctlNode
 
 namespace {
@@ -541,6 +650,7 @@ struct IoctlState {
     std::mutex mutex;            // held while a handler runs and by ~IoctlNode
     bool alive = true;           // false once the node is being torn down
     IoctlNode::Handler handler;  // the model's handler
+    Deferrals *deferrals = nullptr; // the node's, valid while alive
 };
 
 struct SignalData {
@@ -556,8 +666,10 @@ gboolean onCall(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer user)
     {
         std::lock_guard<std::mutex> lock(data->state->mutex);
         if (data->state->alive && data->state->handler) {
-            IoctlCall call(client, data->kind);
+            IoctlCall call(client, data->kind, data->state->deferrals);
             ret = data->state->handler(call, &err);
+            if (call.deferred() && ret == IoctlNode::kDeferred)
+                return TRUE;
             if (ret >= 0)
                 err = 0;
             else if (err == 0)
@@ -580,6 +692,7 @@ struct IoctlNode::Impl {
     UMockdevIoctlBase *base = nullptr;  // our handler object, attached to devnode
     std::shared_ptr<IoctlState> state;  // see IoctlState
     bool attached = false;              // attach succeeded
+    Deferrals deferrals;                // expiry of timed deferred calls
 
     explicit Impl(Board &b) : board(b) {}
 };
@@ -590,6 +703,7 @@ IoctlNode::IoctlNode(Board &board, const std::string &devnode, Handler handler)
     impl_->devnode = devnode;
     impl_->state = std::make_shared<IoctlState>();
     impl_->state->handler = std::move(handler);
+    impl_->state->deferrals = &impl_->deferrals;
     if (board.addNode(devnode).empty())
         return;
     impl_->base = umockdev_ioctl_base_new();
@@ -619,6 +733,7 @@ IoctlNode::~IoctlNode()
         std::lock_guard<std::mutex> lock(impl_->state->mutex);
         impl_->state->alive = false;
     }
+    impl_->deferrals.stop();
     if (impl_->attached)
         umockdev_testbed_detach_ioctl(impl_->board.testbed(), impl_->devnode.c_str(), nullptr);
     if (impl_->base) {

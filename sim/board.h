@@ -10,6 +10,7 @@
  */
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -117,14 +118,38 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+struct Deferrals;
+
+// A call whose answer comes later (a blocking read with no report waiting).
+// complete() may be called from any thread, once; a call dropped without
+// completion fails with EIO.
+class PendingCall {
+public:
+    PendingCall(UMockdevIoctlClient *client, bool read);
+    ~PendingCall();
+    PendingCall(const PendingCall &) = delete;
+    PendingCall &operator=(const PendingCall &) = delete;
+    // read(): the buffer to fill before complete(); nullptr otherwise.
+    uint8_t *buffer();
+    size_t bufferSize() const;
+    void complete(int result, int err = 0);
+    bool completed() const { return done_; }
+
+private:
+    UMockdevIoctlClient *client_; // a reference of our own
+    bool read_;
+    std::atomic<bool> done_{false};
+};
+
 // One ioctl/read/write call from the module on an emulated node. Pointer
 // arguments are resolved into local memory; changes are synced back when
 // the call completes.
 class IoctlCall {
 public:
     enum class Kind { Ioctl, Read, Write };
-    explicit IoctlCall(UMockdevIoctlClient *client, Kind kind = Kind::Ioctl)
-        : client_(client), kind_(kind)
+    explicit IoctlCall(UMockdevIoctlClient *client, Kind kind = Kind::Ioctl,
+                       struct Deferrals *deferrals = nullptr)
+        : client_(client), kind_(kind), deferrals_(deferrals)
     {
     }
     // ioctl(), read() or write() on the node. For read/write the handler
@@ -143,12 +168,24 @@ public:
     // write(): the bytes written. nullptr/0 for an ioctl.
     uint8_t *buffer();
     size_t bufferSize() const;
+    // Answers later: take the handle, return IoctlNode::kDeferred from the
+    // handler and complete the handle when the answer is there. umockdev
+    // serves other nodes meanwhile, but the module's descriptor is busy:
+    // another call on the same descriptor waits until this one completes.
+    // With expireAfter > 0 the call completes by itself with expireResult
+    // when nobody answered it in time (a read that returns nothing lets a
+    // module thread write on the same descriptor).
+    std::shared_ptr<PendingCall> defer(std::chrono::milliseconds expireAfter = std::chrono::milliseconds(0),
+                                       int expireResult = 0);
+    bool deferred() const { return deferred_; }
 
 private:
     void *keep(void *resolved);
 
     UMockdevIoctlClient *client_;
     Kind kind_;
+    struct Deferrals *deferrals_; // the node's expiry timer for deferred calls
+    bool deferred_ = false;
     std::vector<std::shared_ptr<void>> keep_; // resolved blocks, released after completion
 };
 
@@ -157,6 +194,8 @@ private:
 class IoctlNode {
 public:
     using Handler = std::function<int(IoctlCall &call, int *err)>;
+    // Handler result of a call answered later through IoctlCall::defer().
+    static constexpr int kDeferred = -0x7fff0000;
     IoctlNode(Board &board, const std::string &devnode, Handler handler);
     ~IoctlNode();
 

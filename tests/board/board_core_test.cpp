@@ -470,3 +470,159 @@ TEST(DspModelCore, RepliesCloserThanTheReadGapJoinIntoOneChunk)
     EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "MV=-9.00BAL=0");
     close(fd);
 }
+
+TEST(BoardCore, DeferredReadBlocksUntilTheModelAnswers)
+{
+    sim::Board board;
+    std::mutex mutex;
+    std::shared_ptr<sim::PendingCall> pendingRead;
+    sim::IoctlNode node(board, "/dev/hidraw3", [&](sim::IoctlCall &call, int *err) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (call.kind() == sim::IoctlCall::Kind::Read) {
+            // No report waiting: the read blocks, as on a real hidraw node.
+            pendingRead = call.defer();
+            return sim::IoctlNode::kDeferred;
+        }
+        if (call.kind() == sim::IoctlCall::Kind::Write) {
+            // A request is answered by completing the blocked read.
+            if (pendingRead) {
+                const size_t n = std::min(pendingRead->bufferSize(), call.bufferSize());
+                std::memcpy(pendingRead->buffer(), call.buffer(), n);
+                pendingRead->complete(static_cast<int>(n));
+                pendingRead.reset();
+            }
+            return static_cast<int>(call.bufferSize());
+        }
+        *err = ENOTTY;
+        return -1;
+    });
+    const int fd = open("/dev/hidraw3", O_RDWR);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+
+    std::atomic<ssize_t> readResult{-2};
+    char got[64] = {};
+    std::thread reader([&] { readResult = read(fd, got, sizeof got); });
+    ASSERT_TRUE(sim::waitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return pendingRead != nullptr;
+        },
+        2000ms));
+    EXPECT_EQ(readResult.load(), -2);
+
+    // A second descriptor, as a sender thread of the module would use.
+    const int writer = open("/dev/hidraw3", O_RDWR);
+    ASSERT_GE(writer, 0);
+    EXPECT_EQ(write(writer, "ping", 4), 4);
+    reader.join();
+    EXPECT_EQ(readResult.load(), 4);
+    EXPECT_EQ(std::string(got, 4), "ping");
+    close(writer);
+    close(fd);
+}
+
+TEST(BoardCore, MaskHidesAnIoctlNode)
+{
+    sim::Board board;
+    sim::IoctlNode node(board, "/dev/i2c-1", [](sim::IoctlCall &, int *err) {
+        *err = ENOTTY;
+        return -1;
+    });
+    int fd = open("/dev/i2c-1", O_RDWR);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    board.mask("/dev/i2c-1");
+    fd = open("/dev/i2c-1", O_RDWR);
+    EXPECT_EQ(fd, -1);
+    if (fd >= 0)
+        close(fd);
+}
+
+TEST(BoardCore, TestbedDirectoryIsRemovedWithTheBoard)
+{
+    std::string testbedDir;
+    {
+        sim::Board board;
+        testbedDir = getenv("UMOCKDEV_DIR") ? getenv("UMOCKDEV_DIR") : "";
+        ASSERT_FALSE(testbedDir.empty());
+        sim::SerialLine line(board, "/dev/ttyS2", "dsp");
+        sim::IoctlNode node(board, "/dev/snd/controlC2", [](sim::IoctlCall &, int *) { return 0; });
+    }
+    struct stat st;
+    EXPECT_NE(stat(testbedDir.c_str(), &st), 0);
+}
+
+TEST(BoardCore, ExpiringDeferredReadLetsAWriteOnTheSameDescriptorThrough)
+{
+    sim::Board board;
+    std::mutex mutex;
+    std::vector<std::string> reports;
+    sim::IoctlNode node(board, "/dev/hidraw4", [&](sim::IoctlCall &call, int *err) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (call.kind() == sim::IoctlCall::Kind::Read) {
+            if (reports.empty()) {
+                // Nothing to report: the read comes back empty after a while.
+                call.defer(30ms, 0);
+                return sim::IoctlNode::kDeferred;
+            }
+            const std::string report = reports.front();
+            reports.erase(reports.begin());
+            const size_t n = std::min(call.bufferSize(), report.size());
+            std::memcpy(call.buffer(), report.data(), n);
+            return static_cast<int>(n);
+        }
+        if (call.kind() == sim::IoctlCall::Kind::Write) {
+            reports.emplace_back("echo:" + std::string(reinterpret_cast<char *>(call.buffer()),
+                                                       call.bufferSize()));
+            return static_cast<int>(call.bufferSize());
+        }
+        *err = ENOTTY;
+        return -1;
+    });
+    const int fd = open("/dev/hidraw4", O_RDWR);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> emptyReads{0};
+    std::string got;
+    std::thread reader([&] {
+        char buf[64];
+        while (!stop.load()) {
+            const ssize_t n = read(fd, buf, sizeof buf);
+            if (n == 0)
+                ++emptyReads;
+            if (n > 0) {
+                got.assign(buf, static_cast<size_t>(n));
+                return;
+            }
+            if (n < 0)
+                return;
+        }
+    });
+    ASSERT_TRUE(sim::waitUntil([&] { return emptyReads.load() >= 1; }, 2000ms));
+    EXPECT_EQ(write(fd, "ping", 4), 4);
+    reader.join();
+    stop = true;
+    EXPECT_EQ(got, "echo:ping");
+    close(fd);
+}
+
+TEST(BoardCore, DroppedDeferredCallFailsWithEio)
+{
+    sim::Board board;
+    sim::IoctlNode node(board, "/dev/hidraw5", [&](sim::IoctlCall &call, int *err) {
+        if (call.kind() == sim::IoctlCall::Kind::Read) {
+            call.defer(); // handle dropped at once: the read fails
+            return sim::IoctlNode::kDeferred;
+        }
+        *err = ENOTTY;
+        return -1;
+    });
+    const int fd = open("/dev/hidraw5", O_RDWR);
+    ASSERT_GE(fd, 0);
+    char buf[8];
+    errno = 0;
+    EXPECT_EQ(read(fd, buf, sizeof buf), -1);
+    EXPECT_EQ(errno, EIO);
+    close(fd);
+}
