@@ -1,0 +1,83 @@
+// The DSP receive dispatch over arbitrary chunks: whatever one read of the
+// port returns (up to 512 bytes, any length field) goes through the prefix
+// table to a reply handler and always on to the file-transfer handler.
+// Nothing may read or write outside a buffer, whatever the bytes.
+//
+// The first input byte steers half of the inputs onto one of the table's
+// prefixes so every handler sees hostile text, not only the fall-through.
+// The version row is not steered to: it starts the parameter-restore
+// thread, which the link's own tests cover.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dsp/dsp_link.h"
+
+namespace {
+
+// Handlers store properties and may post requests: keep both in a private
+// root, and make descriptor 0 (the request pipe before the link is up) a
+// harmless sink.
+struct PrivateRoot {
+    PrivateRoot()
+    {
+        char dir[] = "/tmp/avm_fuzz_rx_XXXXXX";
+        if (mkdtemp(dir) == nullptr)
+            return;
+        path = dir;
+        setenv("AVMANAGER_PROPERTY_DIR", dir, 1);
+        setenv("AVMANAGER_ROOT", dir, 1);
+        mkdir((path + "/tmp").c_str(), 0755);
+        int sink = open("/dev/null", O_WRONLY);
+        if (sink >= 0) {
+            dup2(sink, 0);
+            close(sink);
+        }
+    }
+    ~PrivateRoot()
+    {
+        std::error_code ignored;
+        if (!path.empty())
+            std::filesystem::remove_all(path, ignored);
+    }
+    std::string path;
+};
+const PrivateRoot gRoot;
+
+constexpr int kVersionRow = 2;
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    DspRequest chunk;
+    memset(&chunk, 0, sizeof(chunk));
+    size_t used = 0;
+    if (size > 0 && (data[0] & 0x80) != 0) {
+        int row = 1 + (data[0] & 0x7F) % dsp_rx_row_count();
+        if (row != kVersionRow) {
+            const char *prefix = dsp_rx_prefix(row);
+            used = strlen(prefix);
+            memcpy(chunk.text, prefix, used);
+        }
+        ++data;
+        --size;
+    }
+    size_t room = sizeof(chunk.text) - used;
+    size_t take = size < room ? size : room;
+    if (take > 0)
+        memcpy(chunk.text + used, data, take);
+    // The length field is taken as it comes, even when it lies.
+    chunk.length = static_cast<uint32_t>(used + take);
+    if (size > 2 && data[0] == 0xFF)
+        chunk.length = 0xFFFFFFFFu;
+    dsp_rx_dispatch(&chunk);
+    return 0;
+}
