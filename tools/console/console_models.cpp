@@ -2,6 +2,7 @@
  * The peripheral models the console puts on its board, and their console
  * commands. Adding a model is one models.add(...) line in buildModels().
  */
+#include <cstdio>
 #include <cstdlib>
 
 #include "console.h"
@@ -145,12 +146,13 @@ bool dspAudioCommands(sim::DspAudio &audio, const Args &args)
         return true;
     }
     if (args.size() == 1 && args[0] == "state") {
-        consolePrint("main " + std::to_string(audio.mainDb()) + " dB" +
-                     (audio.mainMuted() ? " (muted)" : "") + ", spdif " +
-                     std::to_string(audio.spdifDb()) + " dB, balance " +
-                     std::to_string(audio.balanceLeft()) + "/" + std::to_string(audio.balanceRight()) +
-                     ", route " + audio.audioOutRoute() + ", speaker eq \"" + audio.speakerEqMode() +
-                     "\", doa " + (audio.doaReporting() ? "on" : "off"));
+        char line[256];
+        std::snprintf(line, sizeof line,
+                      "main %.2f dB%s, spdif %.2f dB, balance %.2f/%.2f, route %s, speaker eq \"%s\", doa %s",
+                      audio.mainDb(), audio.mainMuted() ? " (muted)" : "", audio.spdifDb(),
+                      audio.balanceLeft(), audio.balanceRight(), audio.audioOutRoute().c_str(),
+                      audio.speakerEqMode().c_str(), audio.doaReporting() ? "on" : "off");
+        consolePrint(line);
         return true;
     }
     return false;
