@@ -4,9 +4,10 @@
  *
  * Threads: the test (or console) thread builds and tears down the board and
  * its models; every SerialLine runs one reader thread; ioctl handlers run on
- * umockdev's worker thread. Trace is the only state shared by all of them
- * and is guarded by its own mutex. Board's node bookkeeping (which devnode
- * is backed by which sysfs device) is guarded by nodesMutex_.
+ * umockdev's worker thread; a node with timed deferred calls runs one
+ * expiry thread that completes them. Trace is shared by all of them and is
+ * guarded by its own mutex. Board's node bookkeeping (which devnode is
+ * backed by which sysfs device) is guarded by nodesMutex_.
  */
 #include "board.h"
 
