@@ -1,0 +1,340 @@
+// Configuration upgrade on the virtual board: the DSP model announces
+// itself, the module compares the DSP's copy of the bundle with the
+// reference and sends the reference over in chunks when they differ.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cutils/properties.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "dsp/config_upgrade.h"
+#include "dsp/dsp_link.h"
+#include "dsp/file_transfer.h"
+#include "log_capture.h"
+#include "sim/board.h"
+#include "sim/dsp_audio_model.h"
+#include "sim/dsp_file_store.h"
+#include "sim/dsp_model.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kDspFile = "/data/misc/AllConfigs.bin";
+
+// md5sum of bytes, through a file: an MD5 computed outside the module and
+// outside the DSP model.
+std::string md5sumOf(const std::string &bytes, const std::string &dir)
+{
+    std::string path = dir + "/md5sum-input.bin";
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << bytes;
+    }
+    std::string cmd = "md5sum '" + path + "'";
+    FILE *p = popen(cmd.c_str(), "r");
+    if (!p)
+        return "";
+    char buf[128] = {};
+    size_t n = fread(buf, 1, sizeof(buf) - 1, p);
+    pclose(p);
+    return std::string(buf, n < 32 ? n : 32);
+}
+
+std::vector<std::string> withPrefix(const std::vector<std::string> &commands, const std::string &prefix)
+{
+    std::vector<std::string> out;
+    for (const auto &c : commands)
+        if (c.rfind(prefix, 0) == 0)
+            out.push_back(c);
+    return out;
+}
+
+long indexOf(const std::vector<std::string> &v, const std::string &prefix, size_t from = 0)
+{
+    for (size_t i = from; i < v.size(); ++i)
+        if (v[i].rfind(prefix, 0) == 0)
+            return static_cast<long>(i);
+    return -1;
+}
+
+// "FWDAT=<off>,<len>," of every chunk a bundle of `size` bytes goes as.
+std::vector<std::string> expectedChunkHeads(size_t size)
+{
+    std::vector<std::string> out;
+    for (size_t off = 0; off < size; off += 240) {
+        size_t len = size - off < 240 ? size - off : 240;
+        out.push_back("FWDAT=" + std::to_string(off) + "," + std::to_string(len) + ",");
+    }
+    return out;
+}
+
+class ConfigUpgrade : public ::testing::Test {
+protected:
+    void SetUp() override {}
+
+    void startLink()
+    {
+        ASSERT_EQ(dsp_process_init(), 0);
+        linkUp = true;
+    }
+
+    void TearDown() override
+    {
+        if (HasFailure()) {
+            // What crossed the line and what the module said, for the report.
+            for (const auto &c : dsp.commands())
+                std::fprintf(stderr, "  to DSP: %.100s\n", c.c_str());
+            for (const auto &l : log.lines())
+                std::fprintf(stderr, "  log %s/%d: %.100s\n", l.tag.c_str(), l.priority, l.text.c_str());
+        }
+        if (linkUp)
+            dsp_process_deinit();
+    }
+
+    // Both passes of one announcement are over: the second pass always ends
+    // with the speaker-equaliser step.
+    bool waitForRestoreEnd(int passesWithRestore, std::chrono::milliseconds timeout)
+    {
+        return sim::waitUntil(
+            [&] {
+                return withPrefix(dsp.commands(), "SPK_EQ_MODE=").size() >=
+                       static_cast<size_t>(passesWithRestore);
+            },
+            timeout);
+    }
+
+    avmtest::LogCapture log;
+    sim::Board board;
+    sim::DspModel dsp{board};
+    sim::DspAudio audio{dsp};
+    sim::DspFileStore store{dsp};
+    bool linkUp = false;
+};
+
+} // namespace
+
+TEST_F(ConfigUpgrade, MissingCopyGetsWholeBundleInOrderAndThatPassSkipsTheRestore)
+{
+    const std::string bundle = sim::installConfigBundle(board);
+    property_set("persist.zel.dsp.volumeVal", "40");
+    startLink();
+    store.reboot();
+
+    ASSERT_TRUE(waitForRestoreEnd(1, 30s));
+    ASSERT_TRUE(store.file(kDspFile).has_value());
+    EXPECT_EQ(*store.file(kDspFile), bundle);
+    EXPECT_EQ(md5sumOf(*store.file(kDspFile), board.root()),
+              md5sumOf(board.readFile(sim::kConfigBundlePath), board.root()));
+    EXPECT_EQ(store.transfersCompleted(), 1u);
+
+    const std::vector<std::string> cmds = dsp.commands();
+    // First pass: FINF, FWSTR, the chunks in order, FWEND.
+    long finf = indexOf(cmds, "FINF=");
+    ASSERT_GE(finf, 0);
+    EXPECT_EQ(cmds[finf], "FINF=/data/misc/AllConfigs.bin");
+    EXPECT_EQ(cmds[finf + 1], "FWSTR=/data/misc/AllConfigs.bin,2900," + sim::dspMd5Hex(bundle));
+    std::vector<std::string> heads = expectedChunkHeads(bundle.size());
+    ASSERT_EQ(heads.size(), 13u);
+    for (size_t i = 0; i < heads.size(); ++i)
+        EXPECT_EQ(cmds[finf + 2 + i].rfind(heads[i], 0), 0u) << cmds[finf + 2 + i];
+    long fwend = finf + 2 + static_cast<long>(heads.size());
+    EXPECT_EQ(cmds[fwend], "FWEND=/data/misc/AllConfigs.bin");
+    // The upgrading pass restores nothing: the next command is the second
+    // pass's FINF.
+    EXPECT_EQ(cmds[fwend + 1], "FINF=/data/misc/AllConfigs.bin");
+    EXPECT_EQ(withPrefix(cmds, "FWSTR=").size(), 1u);
+    EXPECT_EQ(withPrefix(cmds, "MT=").size(), 1u);
+    EXPECT_EQ(log.count("DSP", "upgradeAllConfigs successful, abort init parameter!"), 1u);
+    EXPECT_EQ(log.count("DSP", "NOT Need To Upgrade AllConfigs\n"), 1u);
+}
+
+TEST_F(ConfigUpgrade, EveryChunkCarriesItsBytesAsUpperCaseHexWithTextChecksum)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(1, 30s));
+    std::vector<std::string> chunks = withPrefix(dsp.commands(), "FWDAT=");
+    ASSERT_EQ(chunks.size(), 3u);
+    size_t offset = 0;
+    for (const std::string &c : chunks) {
+        // FWDAT=<off>,<len>,<sum>,<hex>
+        size_t p1 = c.find(','), p2 = c.find(',', p1 + 1), p3 = c.find(',', p2 + 1);
+        ASSERT_NE(p3, std::string::npos);
+        size_t len = std::stoul(c.substr(p1 + 1, p2 - p1 - 1));
+        unsigned sum = static_cast<unsigned>(std::stoul(c.substr(p2 + 1, p3 - p2 - 1)));
+        std::string hex = c.substr(p3 + 1);
+        ASSERT_EQ(hex.size(), 2 * len);
+        unsigned total = 0;
+        std::string expectedHex;
+        for (size_t i = 0; i < len; ++i) {
+            char two[3];
+            snprintf(two, sizeof(two), "%02X", static_cast<unsigned char>(bundle[offset + i]));
+            expectedHex += two;
+        }
+        for (char ch : hex)
+            total += static_cast<unsigned char>(ch);
+        EXPECT_EQ(hex, expectedHex);
+        EXPECT_EQ(sum, total % 256);
+        offset += len;
+    }
+    EXPECT_EQ(offset, bundle.size());
+}
+
+TEST_F(ConfigUpgrade, BundleOf500BytesGoesAsChunksOf240_240_20)
+{
+    sim::installConfigBundle(board, 500);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(1, 30s));
+    std::vector<std::string> chunks = withPrefix(dsp.commands(), "FWDAT=");
+    ASSERT_EQ(chunks.size(), 3u);
+    EXPECT_EQ(chunks[0].rfind("FWDAT=0,240,", 0), 0u);
+    EXPECT_EQ(chunks[1].rfind("FWDAT=240,240,", 0), 0u);
+    EXPECT_EQ(chunks[2].rfind("FWDAT=480,20,", 0), 0u);
+}
+
+TEST_F(ConfigUpgrade, DspAnsweringNullToFinfTriggersFullTransfer)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.removeFile(kDspFile);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(1, 30s));
+    EXPECT_TRUE(log.contains("DSP", "parse_inf catch fileName\n"));
+    EXPECT_EQ(withPrefix(dsp.commands(), "FWSTR=").size(), 1u);
+    EXPECT_EQ(withPrefix(dsp.commands(), "FWEND=").size(), 1u);
+    EXPECT_EQ(store.file(kDspFile).value_or(""), bundle);
+}
+
+TEST_F(ConfigUpgrade, OldCopyIsReplacedByTheReference)
+{
+    const std::string bundle = sim::installConfigBundle(board, 700);
+    store.setFile(kDspFile, "an older configuration");
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(1, 30s));
+    EXPECT_TRUE(log.contains("DSP", "parse_inf catch fileName and fileLen and fileMd5\n"));
+    EXPECT_EQ(store.file(kDspFile).value_or(""), bundle);
+}
+
+TEST_F(ConfigUpgrade, EqualCopyIsNotSentAndBothPassesRestore)
+{
+    const std::string bundle = sim::installConfigBundle(board, 700);
+    store.setFile(kDspFile, bundle);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(2, 30s));
+    const std::vector<std::string> cmds = dsp.commands();
+    EXPECT_EQ(withPrefix(cmds, "FINF=").size(), 2u);
+    EXPECT_TRUE(withPrefix(cmds, "FWSTR=").empty());
+    EXPECT_TRUE(withPrefix(cmds, "FWDAT=").empty());
+    EXPECT_EQ(withPrefix(cmds, "MT=0").size(), 2u);
+    EXPECT_EQ(log.count("DSP", "local file and dsp file not different!\n"), 2u);
+    EXPECT_EQ(log.count("DSP", "FINF failed\n"), 2u);
+    EXPECT_EQ(log.count("DSP", "dsp not respond corrent\n"), 2u);
+    EXPECT_EQ(log.count("DSP", "NOT Need To Upgrade AllConfigs\n"), 2u);
+}
+
+TEST_F(ConfigUpgrade, RepeatedOffsetAnswerIsNotAcceptedAndEndsTransferAfterFirstPoll)
+{
+    sim::installConfigBundle(board, 500);
+    store.setRepeatOffset(true);
+    startLink();
+    store.reboot();
+    // No upgrade completes: both passes restore.
+    ASSERT_TRUE(waitForRestoreEnd(2, 30s));
+    const std::vector<std::string> cmds = dsp.commands();
+    // The first chunk is answered with offset 0 and accepted; the second is
+    // answered with offset 0 again and the transfer ends there, without a
+    // second write of that chunk.
+    EXPECT_EQ(withPrefix(cmds, "FWDAT=0,240,").size(), 2u);
+    EXPECT_EQ(withPrefix(cmds, "FWDAT=240,240,").size(), 2u);
+    EXPECT_TRUE(withPrefix(cmds, "FWDAT=480,").empty());
+    EXPECT_TRUE(withPrefix(cmds, "FWEND=").empty());
+    EXPECT_EQ(log.count("DSP", "FWDAT failed\n"), 2u);
+    EXPECT_EQ(log.count("DSP", "send_file_to_dsp failed\n"), 2u);
+    EXPECT_EQ(log.count("DSP", "dsp not respond\n"), 0u);
+    EXPECT_EQ(log.count("DSP", "upgradeAllConfigs successful, abort init parameter!"), 0u);
+    EXPECT_EQ(store.transfersCompleted(), 0u);
+}
+
+TEST_F(ConfigUpgrade, RejectedChunkEndsTransferWithLoggedNumbers)
+{
+    sim::installConfigBundle(board, 500);
+    store.rejectChunkAt(240);
+    startLink();
+    store.reboot();
+    // The first pass fails at offset 240; the second pass (rejection was
+    // one-shot) completes the upgrade.
+    ASSERT_TRUE(log.waitFor("DSP", "upgradeAllConfigs successful, abort init parameter!", 30s));
+    ASSERT_TRUE(waitForRestoreEnd(1, 5s));
+    EXPECT_TRUE(log.contains("DSP", "FWDAT 240,240,240,240\n"));
+    EXPECT_EQ(log.count("DSP", "FWDAT failed\n"), 1u);
+    EXPECT_EQ(log.count("DSP", "upgradeAllConfigs successful, abort init parameter!"), 1u);
+    EXPECT_EQ(store.transfersCompleted(), 1u);
+}
+
+TEST_F(ConfigUpgrade, SilentDspGetsEachRequestWrittenThreeTimes)
+{
+    sim::installConfigBundle(board, 500);
+    store.setSilent(true);
+    startLink();
+    const auto start = sim::Clock::now();
+    EXPECT_EQ(isNeedToUpgradeAllConfigs(), 0);
+    const auto elapsed = sim::Clock::now() - start;
+    EXPECT_GE(elapsed, 2200ms); // 3 x 16 x 50 ms of polling
+    ASSERT_TRUE(dsp.waitForCommandCount(3, 2s));
+    EXPECT_EQ(dsp.commands(), std::vector<std::string>(3, "FINF=/data/misc/AllConfigs.bin"));
+    EXPECT_EQ(log.count("DSP", "dsp not respond\n"), 3u);
+    EXPECT_EQ(log.count("DSP", "dsp not respond corrent\n"), 1u);
+    EXPECT_EQ(log.count("DSP", "FINF failed\n"), 1u);
+}
+
+TEST_F(ConfigUpgrade, MissingReferenceBundleSkipsTheCheck)
+{
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(2, 30s));
+    EXPECT_TRUE(withPrefix(dsp.commands(), "FINF=").empty());
+    EXPECT_EQ(log.count("DSP", "get local file " + board.rootPath(sim::kConfigBundlePath) + " info failed\n"),
+              2u);
+}
+
+TEST_F(ConfigUpgrade, HostileAnswersNeverStopTheReceiveThread)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.setFile(kDspFile, bundle);
+    file_xfer_descriptor_fill("/x", kDspFile.c_str(), 500, sim::dspMd5Hex(bundle).c_str());
+    startLink();
+    const std::vector<std::string> hostile = {
+        "FINF=/wrong/path,500," + sim::dspMd5Hex(bundle),
+        "FINF=",
+        "FINF=/data/misc/AllConfigs.bin,99999999999999999999999999999,zz",
+        "FWDAT=99999999999999999999999999,-99999999999999999999,OK",
+        "FWDAT=1",
+        "FWDAT=,,,,,,,",
+        "FWSTR=",
+        "FWEND=,",
+        "FWEND=" + std::string(700, 'E'),
+        "FINF=" + std::string(600, ','),
+        std::string("FWSTR=\0\0\0OK", 11),
+        "FWDAT=-1,-1,OK",
+    };
+    for (const std::string &h : hostile) {
+        dsp.send(h);
+        usleep(150 * 1000); // one port read per answer
+    }
+    // The link still works: an announcement runs the check and a restore.
+    store.reboot();
+    ASSERT_TRUE(waitForRestoreEnd(2, 30s));
+    EXPECT_EQ(withPrefix(dsp.commands(), "FINF=").size(), 2u);
+    EXPECT_EQ(store.transfersCompleted(), 0u);
+}

@@ -1,0 +1,237 @@
+// Parameter restore on the virtual board: each announcement of the DSP
+// model runs the upgrade check and then sends every stored setting again,
+// twice; an announcement that upgraded the configuration restores nothing
+// in that pass.
+#include <gtest/gtest.h>
+
+#include <cutils/properties.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "dsp/dsp_link.h"
+#include "log_capture.h"
+#include "sim/board.h"
+#include "sim/dsp_audio_model.h"
+#include "sim/dsp_file_store.h"
+#include "sim/dsp_model.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kDspFile = "/data/misc/AllConfigs.bin";
+
+std::vector<std::string> withPrefix(const std::vector<std::string> &commands, const std::string &prefix)
+{
+    std::vector<std::string> out;
+    for (const auto &c : commands)
+        if (c.rfind(prefix, 0) == 0)
+            out.push_back(c);
+    return out;
+}
+
+long indexOf(const std::vector<std::string> &v, const std::string &prefix, size_t from = 0)
+{
+    for (size_t i = from; i < v.size(); ++i)
+        if (v[i].rfind(prefix, 0) == 0)
+            return static_cast<long>(i);
+    return -1;
+}
+
+// The commands of one pass: from its FINF up to (not including) the next.
+std::vector<std::string> pass(const std::vector<std::string> &cmds, int n)
+{
+    long start = -1;
+    for (int i = 0; i <= n; ++i) {
+        start = indexOf(cmds, "FINF=", static_cast<size_t>(start + 1));
+        if (start < 0)
+            return {};
+    }
+    long end = indexOf(cmds, "FINF=", static_cast<size_t>(start + 1));
+    return std::vector<std::string>(cmds.begin() + start,
+                                    end < 0 ? cmds.end() : cmds.begin() + end);
+}
+
+class DspRestore : public ::testing::Test {
+protected:
+    void startLink()
+    {
+        ASSERT_EQ(dsp_process_init(), 0);
+        linkUp = true;
+    }
+
+    void TearDown() override
+    {
+        if (HasFailure()) {
+            for (const auto &c : dsp.commands())
+                std::fprintf(stderr, "  to DSP: %.100s\n", c.c_str());
+            for (const auto &l : log.lines())
+                std::fprintf(stderr, "  log %s/%d: %.100s\n", l.tag.c_str(), l.priority, l.text.c_str());
+        }
+        if (linkUp)
+            dsp_process_deinit();
+    }
+
+    bool waitForSpeakerEq(size_t n, std::chrono::milliseconds timeout)
+    {
+        return sim::waitUntil([&] { return withPrefix(dsp.commands(), "SPK_EQ_MODE=").size() >= n; },
+                              timeout);
+    }
+
+    void storeSettings()
+    {
+        property_set("persist.zel.dsp.soundMode", "1");
+        property_set("persist.zel.dsp.volumeVal", "40");
+        property_set("persist.zel.dsp.balanceVal", "75");
+        property_set("persist.zel.dsp.trebleVal", "55");
+        property_set("persist.zel.dsp.bassVal", "45");
+        property_set("persist.zel.dsp.spkEqMode", "WALL");
+    }
+
+    // Checks one restoring pass: sound mode lines first, then unmute, main
+    // volume, balance, treble, bass and the speaker equaliser last.
+    void expectRestoreOrder(const std::vector<std::string> &p)
+    {
+        ASSERT_FALSE(p.empty());
+        EXPECT_EQ(p[0], "FINF=/data/misc/AllConfigs.bin");
+        long mute = indexOf(p, "MT=0");
+        ASSERT_GT(mute, 1) << "sound mode lines come before the unmute";
+        for (long i = 1; i < mute; ++i)
+            EXPECT_EQ(p[i].rfind("FINF=", 0), std::string::npos) << p[i];
+        long volume = indexOf(p, "MV=", mute);
+        long left = indexOf(p, "BAL_LEFT=0.50", mute);
+        long right = indexOf(p, "BAL_RIGHT=1.00", mute);
+        long treble = indexOf(p, "USER_EQ[6]=6,6000,1.0000,0.7070", mute);
+        long bass = indexOf(p, "USER_EQ[7]=6,6000,-1.0000,0.7070", mute);
+        EXPECT_EQ(volume, mute + 1);
+        EXPECT_EQ(left, volume + 1);
+        EXPECT_EQ(right, left + 1);
+        EXPECT_EQ(treble, right + 1);
+        EXPECT_EQ(bass, treble + 1);
+        EXPECT_EQ(static_cast<size_t>(bass + 2), p.size());
+        EXPECT_EQ(p.back(), "SPK_EQ_MODE=WALL");
+    }
+
+    avmtest::LogCapture log;
+    sim::Board board;
+    sim::DspModel dsp{board};
+    sim::DspAudio audio{dsp};
+    sim::DspFileStore store{dsp};
+    bool linkUp = false;
+};
+
+} // namespace
+
+TEST_F(DspRestore, AfterUpgradeSecondPassRestoresEveryStoredSettingInOrder)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    storeSettings();
+    audio.setMainMuted(true);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForSpeakerEq(1, 30s));
+
+    const std::vector<std::string> cmds = dsp.commands();
+    std::vector<std::string> first = pass(cmds, 0);
+    std::vector<std::string> second = pass(cmds, 1);
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first.back(), "FWEND=/data/misc/AllConfigs.bin");
+    expectRestoreOrder(second);
+    EXPECT_EQ(store.file(kDspFile).value_or(""), bundle);
+
+    // The DSP model applied what was restored.
+    ASSERT_TRUE(sim::waitUntil([&] { return audio.speakerEqMode() == "WALL"; }, 2s));
+    EXPECT_FALSE(audio.mainMuted());
+    EXPECT_FLOAT_EQ(audio.balanceLeft(), 0.5f);
+    EXPECT_FLOAT_EQ(audio.balanceRight(), 1.0f);
+    EXPECT_FLOAT_EQ(audio.eqBand(6).gain, 1.0f);
+    EXPECT_FLOAT_EQ(audio.eqBand(7).gain, -1.0f);
+}
+
+TEST_F(DspRestore, VerFullWhileUpgradeSucceedsSendsNoStoredSettings)
+{
+    sim::installConfigBundle(board, 500);
+    storeSettings();
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(log.waitFor("DSP", "upgradeAllConfigs successful, abort init parameter!", 30s));
+    ASSERT_TRUE(waitForSpeakerEq(1, 10s));
+    std::vector<std::string> first = pass(dsp.commands(), 0);
+    for (const char *prefix : {"MT=", "MV=", "BAL_", "USER_EQ", "SPK_EQ_MODE="})
+        EXPECT_TRUE(withPrefix(first, prefix).empty()) << prefix;
+    EXPECT_EQ(withPrefix(dsp.commands(), "MV=").size(), 1u);
+    EXPECT_EQ(log.count("DSP", "initDspMute FAILED!!"), 1u);
+}
+
+TEST_F(DspRestore, EqualCopyRestoresEverySettingTwicePerAnnouncement)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.setFile(kDspFile, bundle);
+    storeSettings();
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForSpeakerEq(2, 30s));
+    const std::vector<std::string> cmds = dsp.commands();
+    expectRestoreOrder(pass(cmds, 0));
+    expectRestoreOrder(pass(cmds, 1));
+    EXPECT_EQ(log.count("DSP", "initDspMute FAILED!!"), 2u);
+    EXPECT_EQ(log.count("DSP", "initDspVolume FAILED!!"), 0u);
+}
+
+TEST_F(DspRestore, WithNoStoredSettingsOnlyUnmuteAndFloorModeAreSent)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.setFile(kDspFile, bundle);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForSpeakerEq(2, 30s));
+    const std::vector<std::string> cmds = dsp.commands();
+    for (int n : {0, 1}) {
+        std::vector<std::string> p = pass(cmds, n);
+        EXPECT_EQ(p, (std::vector<std::string>{"FINF=/data/misc/AllConfigs.bin", "MT=0", "SPK_EQ_MODE=FOOT"}));
+    }
+    for (const char *line : {"initDspSoundMode FAILED!!", "initDspVolume FAILED!!", "initDspBalance FAILED!!",
+                             "initDspTreble FAILED!!", "initDspBass FAILED!!"})
+        EXPECT_EQ(log.count("DSP", line), 2u) << line;
+}
+
+TEST_F(DspRestore, LowerCaseWallStoredRestoresFloorMode)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.setFile(kDspFile, bundle);
+    property_set("persist.zel.dsp.spkEqMode", "wall");
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForSpeakerEq(2, 30s));
+    EXPECT_EQ(withPrefix(dsp.commands(), "SPK_EQ_MODE="),
+              (std::vector<std::string>{"SPK_EQ_MODE=FOOT", "SPK_EQ_MODE=FOOT"}));
+}
+
+TEST_F(DspRestore, VolumeAbcStoredRestoresVolumeZero)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    store.setFile(kDspFile, bundle);
+    property_set("persist.zel.dsp.volumeVal", "abc");
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForSpeakerEq(2, 30s));
+    EXPECT_EQ(withPrefix(dsp.commands(), "MV="), (std::vector<std::string>{"MV=-65.00", "MV=-65.00"}));
+    EXPECT_EQ(log.count("DSP", "initDspVolume 0 ret 1"), 2u);
+}
+
+TEST_F(DspRestore, MicPowerOnMarksVersionInformationForRefresh)
+{
+    property_set("persist.sys.dune.update", "0");
+    startLink();
+    dsp.send("MIC_PWR_ON=1");
+    EXPECT_TRUE(sim::waitUntil(
+        [] {
+            char value[PROPERTY_VALUE_MAX] = {};
+            property_get("persist.sys.dune.update", value, "");
+            return std::string(value) == "1";
+        },
+        5s));
+}
