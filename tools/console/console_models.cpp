@@ -6,9 +6,11 @@
 #include <cstdlib>
 
 #include "console.h"
+#include "sim/amp_model.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_file_store.h"
 #include "sim/dsp_model.h"
+#include "sim/ptz_camera_model.h"
 #include "sim/uac_mixer_model.h"
 
 namespace console {
@@ -179,6 +181,67 @@ bool uacCommands(sim::UacMixer &mixer, const Args &args)
     return false;
 }
 
+bool ptzCommands(sim::PtzCameraModel &ptz, const Args &args)
+{
+    long a = 0;
+    long b = 0;
+    if (args.size() == 1 && args[0] == "open") {
+        ptz.raiseOpen();
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "close") {
+        ptz.raiseClose();
+        return true;
+    }
+    if (args.size() == 2 && args[0] == "temp" && parseInt(args[1], &a) && a >= 0 && a <= 255) {
+        ptz.setCurrentTemperature(static_cast<uint8_t>(a));
+        return true;
+    }
+    if (args.size() == 3 && args[0] == "angle" && parseInt(args[1], &a) && parseInt(args[2], &b) &&
+        a >= 0 && a <= 255 && b >= 0 && b <= 255) {
+        ptz.raiseAngleReport(static_cast<uint8_t>(a), static_cast<uint8_t>(b));
+        return true;
+    }
+    bool on = false;
+    if (args.size() == 2 && args[0] == "silent" && onOff(args, 1, &on)) {
+        ptz.setSilent(on);
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "frames") {
+        consolePrint("ptz received " + std::to_string(ptz.frameCount()) + " frame(s)");
+        return true;
+    }
+    return false;
+}
+
+bool ampCommands(sim::AmpModel &amp, const Args &args)
+{
+    if (args.size() == 1 && args[0] == "state") {
+        const bool acm = amp.fitting() == sim::AmpFitting::Acm8625;
+        const bool ad = amp.fitting() == sim::AmpFitting::Ad82120;
+        if (acm || ad) {
+            for (uint8_t addr : acm ? std::vector<uint8_t>{sim::AmpModel::kAcmStereo, sim::AmpModel::kAcmMono}
+                                    : std::vector<uint8_t>{sim::AmpModel::kAdMain, sim::AmpModel::kAdSub})
+                consolePrint(amp.describe(addr));
+        } else {
+            consolePrint("no amplifiers fitted");
+        }
+        return true;
+    }
+    if (args.size() == 2 && args[0] == "fitting") {
+        if (args[1] == "acm8625")
+            amp.setFitting(sim::AmpFitting::Acm8625);
+        else if (args[1] == "ad82120")
+            amp.setFitting(sim::AmpFitting::Ad82120);
+        else if (args[1] == "none")
+            amp.setFitting(sim::AmpFitting::None);
+        else
+            return false;
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
 void buildModels(sim::Board &board, ModelSet &models)
@@ -191,6 +254,10 @@ void buildModels(sim::Board &board, ModelSet &models)
                "audio version <text> | doa <angle> | state");
     models.add("uac", std::make_unique<sim::UacMixer>(board), ModelSet::Commands<sim::UacMixer>(uacCommands),
                "uac state | volume <value> | calls");
+    models.add("ptz", std::make_unique<sim::PtzCameraModel>(board), ModelSet::Commands<sim::PtzCameraModel>(ptzCommands),
+               "ptz open | close | temp <celsius> | angle <start> <end> | silent on|off | frames");
+    models.add("amp", std::make_unique<sim::AmpModel>(board, sim::AmpFitting::Acm8625),
+               ModelSet::Commands<sim::AmpModel>(ampCommands), "amp state | fitting acm8625|ad82120|none");
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }
