@@ -1,0 +1,574 @@
+// The PTZ link and camera requests on the virtual board, against the PTZ
+// camera model on /dev/ttyS1: frames on the wire, reply waits and resends,
+// framing of what the camera sends, camera-initiated frames and their
+// answers, the sender thread draining the camera pipe, the test property.
+#include <gtest/gtest.h>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camera/camera_pipe.h"
+#include "camera/ptz_link.h"
+#include "camera/ptz_requests.h"
+#include "log_capture.h"
+#include "sim/board.h"
+#include "sim/ptz_camera_model.h"
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+constexpr auto kWire = 5s; // generous: a busy 2-core machine
+
+std::string prop(const char *key)
+{
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get(key, value, "");
+    return value;
+}
+
+long long msSince(Clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+std::vector<int> gCallbackCalls;
+std::mutex gCallbackMutex;
+int recordCallback(int status)
+{
+    std::lock_guard<std::mutex> lock(gCallbackMutex);
+    gCallbackCalls.push_back(status);
+    return 0;
+}
+std::vector<int> callbackCalls()
+{
+    std::lock_guard<std::mutex> lock(gCallbackMutex);
+    return gCallbackCalls;
+}
+
+// The camera pipe and the PTZ link started as start-up does, with the
+// camera model on the line.
+class PtzLink : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(initCameraPipe(), 0);
+        ASSERT_EQ(camera_ptzHal_init(), 0);
+        up = true;
+    }
+
+    void TearDown() override
+    {
+        // The threads end on their own once the flag is down.
+        if (up)
+            camera_ptzHal_deinit();
+    }
+
+    bool waitAck(uint32_t id) const
+    {
+        return sim::waitUntil([id] { return gPtzAckFlags[id].load() != 0; }, kWire);
+    }
+
+    avmtest::LogCapture log;
+    sim::Board board;
+    sim::PtzCameraModel camera{board};
+    bool up = false;
+};
+
+// --------------------------------------------------------------- requests
+
+TEST_F(PtzLink, CurrentTemperatureRoundTrip)
+{
+    camera.setCurrentTemperature(47);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 47u);
+    auto frames = camera.frames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_TRUE(frames[0].checksumOk);
+    EXPECT_EQ(frames[0].main(), 0x20);
+    EXPECT_EQ(frames[0].sub(), 0xBA);
+    EXPECT_EQ(frames[0].length(), 0);
+    EXPECT_TRUE(log.contains("PTZ", "ptz_parse_packet, main:0x20, sub:0xbb\n"));
+}
+
+TEST_F(PtzLink, MaxTemperatureRoundTrip)
+{
+    camera.setMaxTemperature(95);
+    EXPECT_EQ(ptz_get_cam_limit_max_temperature(), 95u);
+    EXPECT_EQ(camera.countFrames(0x20, 0xBC), 1u);
+}
+
+TEST_F(PtzLink, SilentCameraTemperatureGivesAllOnesAfterAboutOnePointFiveSeconds)
+{
+    camera.setSilent(true);
+    const auto start = Clock::now();
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
+    EXPECT_GE(msSince(start), 1400);
+    EXPECT_LT(msSince(start), 6000);
+    EXPECT_TRUE(camera.waitForFrames(0x20, 0xBA, 3, kWire));
+    EXPECT_EQ(camera.countFrames(0x20, 0xBA), 3u);
+    EXPECT_EQ(log.count("PTZ", "ptzHalWriteUsart no ack,count:1\n"), 1u);
+    EXPECT_EQ(log.count("PTZ", "ptzHalWriteUsart no ack,count:2\n"), 1u);
+    EXPECT_EQ(log.count("PTZ", "ptzHalWriteUsart no ack,count:3\n"), 1u);
+    EXPECT_EQ(log.priorityOf("PTZ", "ptzHalWriteUsart no ack,count:1\n"), ANDROID_LOG_INFO);
+}
+
+TEST_F(PtzLink, ReplyArrivingDuringTheSleepIsSeenAtTheNextPoll)
+{
+    camera.setReplyDelay(120ms);
+    camera.setCurrentTemperature(33);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 33u);
+    EXPECT_EQ(camera.countFrames(0x20, 0xBA), 1u);
+    EXPECT_EQ(log.countContaining("PTZ", "no ack"), 0u);
+}
+
+TEST_F(PtzLink, LateTemperatureReplyLandsInTheSharedSlotAndTheNextQueryOverwritesIt)
+{
+    camera.setCurrentTemperature(61);
+    camera.setReplyDelay(1700ms);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
+    // The three late replies still arrive and are decoded into the slot
+    // that the maximum-temperature query shares.
+    ASSERT_TRUE(log.waitFor("PTZ", "ptz_parse_packet, main:0x20, sub:0xbb", kWire));
+    uint32_t slot = 0;
+    memcpy(&slot, gPtzTemperatureResponse.result, sizeof slot);
+    EXPECT_EQ(slot, 61u);
+    ASSERT_TRUE(sim::waitUntil(
+        [&] { return log.countContaining("PTZ", "ptz_parse_packet, main:0x20, sub:0xbb") >= 3; }, kWire));
+    camera.setSilent(true);
+    EXPECT_EQ(ptz_get_cam_limit_max_temperature(), 0xFFFFFFFFu);
+}
+
+TEST_F(PtzLink, ReplyAfterTheThirdAttemptIsTooLateButStillFillsTheSlot)
+{
+    camera.setAutotestBytes({1, 1});
+    camera.setReplyDelay(1700ms);
+    const auto start = Clock::now();
+    EXPECT_EQ(ptz_tx_protocol_handle(PtzMsg{PTZ_CMD_GET_AUTOTEST_RESULT, 0}), -1);
+    EXPECT_GE(msSince(start), 1400);
+    ASSERT_TRUE(waitAck(PTZ_CMD_GET_AUTOTEST_RESULT));
+    int32_t slot = 0;
+    memcpy(&slot, gPtzAutotestResponse.result, sizeof slot);
+    EXPECT_EQ(slot, 3);
+}
+
+TEST_F(PtzLink, RowWithoutWaitReturnsAfterOneWrite)
+{
+    camera.setSilent(true);
+    const auto start = Clock::now();
+    EXPECT_EQ(ptz_tx_protocol_handle(PtzMsg{PTZ_CMD_SEND_DOA, 0x0105}), 64);
+    EXPECT_LT(msSince(start), 1000);
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x00, 1, kWire));
+    auto f = camera.lastFrame(0x21, 0x00);
+    ASSERT_TRUE(f.has_value());
+    EXPECT_EQ(f->length(), 2);
+    EXPECT_EQ(f->data(0), 0x05);
+    EXPECT_EQ(f->data(1), 0x01);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(camera.countFrames(0x21, 0x00), 1u);
+}
+
+TEST_F(PtzLink, ConsecutiveFramesAreAtLeastTenMillisecondsApart)
+{
+    camera.setSilent(true);
+    for (int i = 0; i < 4; ++i)
+        ptz_tx_protocol_handle(PtzMsg{PTZ_CMD_SEND_DOA, static_cast<uint32_t>(i)});
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x00, 4, kWire));
+    auto frames = camera.frames();
+    ASSERT_EQ(frames.size(), 4u);
+    for (size_t i = 1; i < frames.size(); ++i)
+        EXPECT_GE(frames[i].when - frames[i - 1].when, 8ms) << i;
+}
+
+TEST_F(PtzLink, AutotestReplyOfLengthThreeGivesFive)
+{
+    camera.setAutotestBytes({1, 0, 5});
+    EXPECT_EQ(ptz_get_autotest_status(), 5);
+    EXPECT_EQ(camera.countFrames(0x21, 0x08), 1u);
+}
+
+TEST_F(PtzLink, SilentCameraAutotestGivesMinusOne)
+{
+    camera.setSilent(true);
+    EXPECT_EQ(ptz_get_autotest_status(), -1);
+}
+
+TEST_F(PtzLink, IspReplyGivesSevenAndThePair256And2)
+{
+    camera.setIspEnv(7, 256, 2);
+    int32_t pair[2] = {0, 0};
+    EXPECT_EQ(ptz_get_isp_env(pair), 7);
+    EXPECT_EQ(pair[0], 256);
+    EXPECT_EQ(pair[1], 2);
+    auto f = camera.lastFrame(0x21, 0x10);
+    ASSERT_TRUE(f.has_value());
+}
+
+TEST_F(PtzLink, IspWithoutReplyReturnsOneAndLeavesThePair)
+{
+    camera.setSilent(true);
+    int32_t pair[2] = {11, 12};
+    EXPECT_EQ(ptz_get_isp_env(pair), 1);
+    EXPECT_EQ(pair[0], 11);
+    EXPECT_EQ(pair[1], 12);
+}
+
+TEST_F(PtzLink, FunclistIsFetchedOnceWhenTheFirstReplyHasALength)
+{
+    camera.setFunclist({0x10, 0x20, 0x30});
+    uint8_t *list = ptz_get_cam_funclist();
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list[0], 3);
+    EXPECT_EQ(list[1], 0x10);
+    EXPECT_EQ(list[3], 0x30);
+    EXPECT_EQ(ptz_get_cam_funclist(), list);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(camera.countFrames(0x31, 0xFE), 1u);
+}
+
+TEST_F(PtzLink, FunclistOfLengthZeroIsFetchedAgainEveryCall)
+{
+    camera.setFunclist({});
+    EXPECT_EQ(ptz_get_cam_funclist()[0], 0);
+    EXPECT_EQ(ptz_get_cam_funclist()[0], 0);
+    EXPECT_EQ(camera.countFrames(0x31, 0xFE), 2u);
+}
+
+TEST_F(PtzLink, FollowSoundSourceOnSendsStatusThenMode)
+{
+    EXPECT_EQ(ptz_set_cam_follow_sound_source_mode(1), 1);
+    auto frames = camera.frames();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].sub(), 0x94);
+    EXPECT_EQ(frames[0].data(0), 1);
+    EXPECT_EQ(frames[1].sub(), 0x96);
+    EXPECT_EQ(frames[1].data(0), 2);
+    EXPECT_EQ(camera.electronicPtzStatus(), 1);
+    EXPECT_EQ(camera.electronicPtzMode(), 2);
+    EXPECT_EQ(ptz_get_cam_follow_sound_source_mode(), 1);
+    EXPECT_EQ(log.count("PTZ", "PTZ_CMD_GET_ELECTRONIC_PTZ_STATUS, status : 1 \n"), 1u);
+    EXPECT_EQ(log.count("PTZ", "PTZ_CMD_GET_ELECTRONIC_PTZ_STATUS, status : 2 \n"), 1u);
+}
+
+TEST_F(PtzLink, FollowSoundSourceOffSendsOnlyTheStatusAndKeepsTheMode)
+{
+    camera.setElectronicPtzMode(2);
+    EXPECT_EQ(ptz_set_cam_follow_sound_source_mode(0), 1);
+    EXPECT_EQ(camera.frameCount(), 1u);
+    EXPECT_EQ(camera.lastFrame(0x20, 0x94)->data(0), 0);
+    EXPECT_EQ(camera.electronicPtzMode(), 2);
+    // Status 0: the mode is not asked for.
+    EXPECT_EQ(ptz_get_cam_follow_sound_source_mode(), 0);
+    EXPECT_EQ(camera.countFrames(0x20, 0xB0), 0u);
+}
+
+TEST_F(PtzLink, FollowSoundSourceOnWithoutFirstReplyReturnsZeroAndSkipsTheMode)
+{
+    camera.setSilent(true);
+    EXPECT_EQ(ptz_set_cam_follow_sound_source_mode(1), 0);
+    EXPECT_EQ(camera.countFrames(0x20, 0x94), 3u);
+    EXPECT_EQ(camera.countFrames(0x20, 0x96), 0u);
+}
+
+TEST_F(PtzLink, FollowSoundSourceIsOffForAnotherMode)
+{
+    camera.setElectronicPtzStatus(1);
+    camera.setElectronicPtzMode(1);
+    EXPECT_EQ(ptz_get_cam_follow_sound_source_mode(), 0);
+    EXPECT_EQ(camera.countFrames(0x20, 0xB0), 1u);
+}
+
+TEST_F(PtzLink, BlackScreenRequests)
+{
+    camera.setSupportBlackScreen(1);
+    EXPECT_EQ(ptz_get_cam_support_black_screen(), 1);
+    EXPECT_EQ(ptz_cam_set_auto_black_screen(1), 1);
+    EXPECT_EQ(camera.autoBlackScreen(), 1);
+    EXPECT_EQ(ptz_get_cam_auto_black_screen(), 1);
+    EXPECT_EQ(ptz_cam_set_auto_black_screen(0), 1);
+    EXPECT_EQ(ptz_get_cam_auto_black_screen(), 0);
+}
+
+TEST_F(PtzLink, BlackScreenReplyOfWrongLengthGivesZero)
+{
+    camera.setReplyPayload(0x20, 0xF4, {1, 1});
+    EXPECT_EQ(ptz_get_cam_support_black_screen(), 0);
+    EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_support_black_screen len = 2 \n"));
+}
+
+TEST_F(PtzLink, TemperatureReplyOfWrongLengthGivesZero)
+{
+    camera.setReplyPayload(0x20, 0xBA, {});
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0u);
+    EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_temperature_value_result len = 0 \n"));
+}
+
+TEST_F(PtzLink, AngleListenModelResetAndSmartListenReport)
+{
+    camera.setAngleListenModel(1);
+    EXPECT_EQ(ptz_get_angle_listen_model(), 1);
+    camera.setAngleListenModel(0);
+    EXPECT_EQ(ptz_get_angle_listen_model(), 0);
+    EXPECT_EQ(ptz_cam_reset_factory_parameters(), 1);
+    EXPECT_EQ(camera.factoryResets(), 1);
+    EXPECT_EQ(camera.lastFrame(0x20, 0xA0)->raw[63], 0xF1);
+    EXPECT_EQ(ptz_set_smart_listen_report_status(1), 1);
+    EXPECT_EQ(camera.smartListenReport(), 1);
+}
+
+TEST_F(PtzLink, SilentCameraSettersReturnZero)
+{
+    camera.setSilent(true);
+    EXPECT_EQ(ptz_set_smart_listen_report_status(0), 0);
+    EXPECT_EQ(camera.countFrames(0x31, 0x1C), 3u);
+}
+
+// ---------------------------------------------------------------- framing
+
+TEST_F(PtzLink, TwoFramesBackToBackInOne128ByteStreamAreBothDispatched)
+{
+    auto a = sim::PtzCameraModel::makeFrame(0x20, 0xBB, {30});
+    auto b = sim::PtzCameraModel::makeFrame(0x20, 0xF5, {1});
+    Bytes stream(a.size() + b.size());
+    memcpy(stream.data(), a.data(), a.size());
+    memcpy(stream.data() + a.size(), b.data(), b.size());
+    camera.sendBytes(stream);
+    EXPECT_TRUE(waitAck(PTZ_CMD_GET_CURRENT_TEMPERATURE));
+    EXPECT_TRUE(waitAck(PTZ_CMD_GET_SUPPORT_BLACK_SCREEN));
+}
+
+TEST_F(PtzLink, FrameSplitAcrossReadsIsLost)
+{
+    camera.setSplitFrames(true);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
+    EXPECT_EQ(camera.countFrames(0x20, 0xBA), 3u);
+    EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);
+}
+
+TEST_F(PtzLink, ReplyWithLengthByte57IsDropped)
+{
+    camera.setLength57(true);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
+    EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);
+    EXPECT_EQ(log.countContaining("PTZ", "crc failed"), 0u);
+}
+
+TEST_F(PtzLink, ReplyWithWrongChecksumIsLoggedAndDropped)
+{
+    camera.setBadChecksum(true);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
+    EXPECT_EQ(log.countContaining("PTZ", "crc failed,expect:"), 3u);
+}
+
+TEST_F(PtzLink, HostileBytesNeverStopTheReceiver)
+{
+    std::mt19937 rng(1234);
+    for (int round = 0; round < 40; ++round) {
+        Bytes junk(1 + rng() % 200);
+        for (auto &b : junk)
+            b = static_cast<uint8_t>(rng());
+        if (round % 3 == 0 && junk.size() > 6) {
+            junk[0] = 0xAA;
+            junk[1] = 0xBB;
+            junk[2] = 0xCC;
+            junk[5] = static_cast<uint8_t>(rng() % 256);
+        }
+        camera.sendBytes(junk);
+    }
+    auto bad = sim::PtzCameraModel::makeFrame(0x20, 0xBB, {1});
+    bad[5] = 0xFF;
+    camera.sendBytes(Bytes(bad.begin(), bad.end()));
+    std::this_thread::sleep_for(300ms);
+    camera.setCurrentTemperature(52);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 52u);
+}
+
+// ---------------------------------------------------- camera-initiated
+
+TEST_F(PtzLink, CameraOpenIsAnsweredAndReported)
+{
+    gCallbackCalls.clear();
+    ptz_set_camera_status_callback(recordCallback);
+    camera.raiseOpen();
+    ASSERT_TRUE(camera.waitForFrames(0x20, 0x01, 1, kWire));
+    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 1; }, kWire));
+    EXPECT_EQ(callbackCalls(), std::vector<int>{1});
+    EXPECT_EQ(ptz_cam_is_open(), 1u);
+    camera.raiseClose();
+    ASSERT_TRUE(camera.waitForFrames(0x20, 0x03, 1, kWire));
+    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 2; }, kWire));
+    EXPECT_EQ(callbackCalls(), (std::vector<int>{1, 0}));
+    EXPECT_EQ(ptz_cam_is_open(), 0u);
+}
+
+TEST_F(PtzLink, ProductModelQuestionIsAnsweredWithTheModelText)
+{
+    property_set("persist.vendor.product.model", "QX-Room 9");
+    camera.askProductModel();
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.modelAnswer().has_value(); }, kWire));
+    EXPECT_EQ(*camera.modelAnswer(), "QX-Room 9");
+    EXPECT_EQ(camera.lastFrame(0x21, 0x05)->length(), 9);
+    // No channel was ever set: nothing else follows.
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(camera.countFrames(0x21, 0x02), 0u);
+}
+
+TEST_F(PtzLink, ProductModelQuestionResendsTheKnownUsbChannel)
+{
+    property_set("ro.product.vendor.model", "Fallback-1");
+    EXPECT_EQ(ptz_send_usb_channel_info(2), 1);
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x02, 1, kWire));
+    camera.askProductModel();
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x02, 2, kWire));
+    EXPECT_EQ(*camera.modelAnswer(), "Fallback-1");
+    EXPECT_EQ(camera.lastFrame(0x21, 0x02)->data(0), 2);
+}
+
+TEST_F(PtzLink, DoaStatusQuestionWithoutDspIsAnsweredZero)
+{
+    camera.askDoaStatus();
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.doaStatusAnswer() >= 0; }, kWire));
+    EXPECT_EQ(camera.doaStatusAnswer(), 0);
+    EXPECT_EQ(camera.lastFrame(0x21, 0x15)->length(), 1);
+}
+
+TEST_F(PtzLink, AngleReportIsAcknowledged)
+{
+    camera.raiseAngleReport(30, 150);
+    ASSERT_TRUE(camera.waitForFrames(0x31, 0x1F, 1, kWire));
+}
+
+// ---------------------------------------------------------- camera pipe
+
+TEST_F(PtzLink, SenderThreadTurnsPipeMessagesIntoCommands)
+{
+    EXPECT_EQ(sendDoaToCameraPipe(0x0107), 1);
+    EXPECT_EQ(sendUsbChannelInfoToCameraPipe(3), 1);
+    EXPECT_EQ(sendAutoTestToCameraPipe(1), 1);
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x06, 1, kWire));
+    auto doa = camera.lastFrame(0x21, 0x00);
+    ASSERT_TRUE(doa.has_value());
+    EXPECT_EQ(doa->data(0), 0x07);
+    EXPECT_EQ(doa->data(1), 0x01);
+    EXPECT_EQ(camera.usbChannel(), 3);
+    EXPECT_EQ(camera.autotestMode(), 1);
+}
+
+TEST_F(PtzLink, UnknownPipeMessageIsLoggedAndTheNextStillSent)
+{
+    EXPECT_EQ(sendMsgToCameraPipe(9, 1), 1);
+    EXPECT_EQ(sendDoaToCameraPipe(5), 1);
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x00, 1, kWire));
+    EXPECT_TRUE(log.contains("PTZ", "camera_ptzControl_parse_msg_tx failed\n"));
+}
+
+// ---------------------------------------------------------- test property
+
+TEST_F(PtzLink, TestPropertyDebugTurnsOnDumpsAndPersistsLevelOne)
+{
+    property_set("vendor.camera.test", "debug");
+    ASSERT_TRUE(log.waitFor("PTZ", "end getprop debug\n", kWire));
+    EXPECT_TRUE(log.contains("PTZ", "getprop debug\n"));
+    ASSERT_TRUE(sim::waitUntil([] { return prop("vendor.camera.test") == "OK"; }, kWire));
+    EXPECT_EQ(ptzHalGetDebugLevel(), 1);
+    EXPECT_EQ(prop("persist.vendor.cam.debuglevel"), "1");
+    camera.setCurrentTemperature(40);
+    EXPECT_EQ(ptz_get_cam_current_temperature(), 40u);
+    EXPECT_GE(log.countContaining("PTZ", "write[64]:aabbcc20ba"), 1u);
+    EXPECT_GE(log.countContaining("PTZ", "read[64]:aabbcc20bb01"), 1u);
+    // Across a restart the stored level comes back.
+    ptzHalSetDebugLevel(1);
+    ptzHalInitDebugLevel();
+    EXPECT_EQ(ptzHalGetDebugLevel(), 1);
+}
+
+TEST_F(PtzLink, TestPropertyNodebugTurnsDumpsOff)
+{
+    ptzHalSetDebugLevel(1);
+    property_set("vendor.camera.test", "nodebug");
+    ASSERT_TRUE(log.waitFor("PTZ", "end getprop nodebug\n", kWire));
+    EXPECT_EQ(ptzHalGetDebugLevel(), 0);
+    EXPECT_EQ(prop("persist.vendor.cam.debuglevel"), "0");
+}
+
+TEST_F(PtzLink, TestPropertySendsDoaAndUsbChannel)
+{
+    property_set("vendor.camera.test", "senddoa");
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x00, 1, kWire));
+    EXPECT_EQ(camera.lastFrame(0x21, 0x00)->data(0), 1);
+    ASSERT_TRUE(sim::waitUntil([] { return prop("vendor.camera.test") == "OK"; }, kWire));
+    property_set("vendor.camera.test", "sendusb");
+    ASSERT_TRUE(camera.waitForFrames(0x21, 0x02, 1, kWire));
+    EXPECT_EQ(camera.usbChannel(), 2);
+}
+
+TEST_F(PtzLink, TestPropertyIspenvLogsTheResult)
+{
+    camera.setIspEnv(4, 0x01000000, 9);
+    property_set("vendor.camera.test", "ispenv");
+    ASSERT_TRUE(log.waitFor("PTZ", "end getprop ispenv\n", kWire));
+    EXPECT_TRUE(log.contains("PTZ", "ret=4,16777216,9\n"));
+}
+
+TEST_F(PtzLink, TestPropertyTeststatusPlaysOpenAndClose)
+{
+    gCallbackCalls.clear();
+    ptz_set_camera_status_callback(recordCallback);
+    property_set("vendor.camera.test", "teststatus");
+    ASSERT_TRUE(log.waitFor("PTZ", "end getprop teststatus\n", kWire));
+    EXPECT_EQ(callbackCalls(), (std::vector<int>{1, 0}));
+    // Played locally: nothing goes to the camera.
+    EXPECT_EQ(camera.frameCount(), 0u);
+}
+
+TEST_F(PtzLink, TestPropertyUnknownValueOnlyLogsAndResets)
+{
+    property_set("vendor.camera.test", "bogus");
+    ASSERT_TRUE(log.waitFor("PTZ", "end getprop bogus\n", kWire));
+    ASSERT_TRUE(sim::waitUntil([] { return prop("vendor.camera.test") == "OK"; }, kWire));
+    EXPECT_EQ(camera.frameCount(), 0u);
+}
+
+// ------------------------------------------------------------ lifecycle
+
+TEST_F(PtzLink, StopThenJoinEndsTheThreads)
+{
+    EXPECT_EQ(camera_ptzHal_deinit(), 0);
+    up = false;
+    // The sender wakes on its next pipe message.
+    std::atomic<bool> joined{false};
+    std::thread waker([&] {
+        while (!joined) {
+            sendAutoTestToCameraPipe(0);
+            std::this_thread::sleep_for(50ms);
+        }
+    });
+    const auto start = Clock::now();
+    joinPtzThreadPool();
+    joined = true;
+    EXPECT_LT(msSince(start), 6000);
+    // The line was already closed by the stop: the second close fails.
+    EXPECT_TRUE(log.contains("PTZ", "close uart dev fail!!"));
+    waker.join();
+}
+
+TEST(PtzLinkStart, MissingSerialLineFailsStartUp)
+{
+    avmtest::LogCapture log;
+    sim::Board board;
+    EXPECT_EQ(camera_ptzHal_init(), -1);
+    EXPECT_TRUE(log.contains("PTZ", "openUsartDevice failed!"));
+    EXPECT_TRUE(log.contains("PTZ", "ptzHal_uart_init error!!"));
+}
+
+} // namespace
