@@ -17,8 +17,10 @@
  * code writes the port directly through dspHalWriteUsart.
  *
  * State: gDspHalDev (port, thread handles, running flag), gDspFifoDev (the
- * pipe's ends), dspLock, initParameterLock, dspUartWriteLock. Lock order:
- * only dspUartWriteLock is ever held, and only around one port write.
+ * pipe's ends), dspLock, initParameterLock, dspUartWriteLock,
+ * gFifoWriteEndLock. No lock is held while another is taken:
+ * dspUartWriteLock covers one port write, gFifoWriteEndLock one pipe write
+ * (shared) or the close of a failed write end (exclusive).
  *
  * Log tag "DSP".
  */
@@ -78,6 +80,9 @@ pthread_mutex_t dspUartWriteLock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<bool> gUartLockLive{true};
 // Whether dspLock is currently initialised (service thread).
 std::atomic<bool> gDspLockLive{true};
+// Shared by posters while they write the pipe's write end, exclusive while
+// a failed end is closed. Never held across anything that blocks.
+pthread_rwlock_t gFifoWriteEndLock = PTHREAD_RWLOCK_INITIALIZER;
 
 constexpr unsigned kDspBaud = 115200;
 constexpr int kDspDataBits = 8;
@@ -236,14 +241,21 @@ int dsp_mkfifo_write(DspRequest request)
         LOGE("%s:%d, read error.(%s)\n", __func__, __LINE__, strerror(errno));
         return -1;
     }
+    // Posters write side by side under the shared hold; dropping the end
+    // takes the exclusive one, so no poster can be left holding a number
+    // that was closed and handed to another file.
+    pthread_rwlock_rdlock(&gFifoWriteEndLock);
     int32_t fd = gDspFifoDev.writeFd.load(std::memory_order_acquire);
     ssize_t ret = write(fd, &request, sizeof(request));
+    int err = errno;
+    pthread_rwlock_unlock(&gFifoWriteEndLock);
     if (ret < 1) {
-        int err = errno;
         // Drop the end so the next request opens it afresh.
+        pthread_rwlock_wrlock(&gFifoWriteEndLock);
         int32_t expected = fd;
         if (gDspFifoDev.writeFd.compare_exchange_strong(expected, -1, std::memory_order_acq_rel))
             close(fd);
+        pthread_rwlock_unlock(&gFifoWriteEndLock);
         LOGE("%s:%d, write error.(%s)\n", __func__, __LINE__, strerror(err));
         return -1;
     }
