@@ -189,7 +189,9 @@ int openFifoEnd(std::atomic<int32_t> &end, int flags, const char *func, int line
     char path[PATH_MAX];
     int fd = open(fifoPath(path, sizeof(path)), flags);
     if (fd < 0) {
-        LOGE("%s:%d, open error.(%s)\n", func, line, strerror(errno));
+        int err = errno;
+        LOGE("%s:%d, open error.(%s)\n", func, line, strerror(err));
+        errno = err; // the caller reports the same cause
         return -1;
     }
     int32_t expected = -1;
