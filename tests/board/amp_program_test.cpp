@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 #include "amp/amp_i2c.h"
 #include "avmanager_hal.h"
@@ -409,4 +410,24 @@ TEST(AmpProgram, AprojectStartupEntryParsesThePidFileAndProgramsIt)
     EXPECT_EQ(Aprojectid_ampini_parase_init(), 1);
     EXPECT_EQ(b.amp.coefWrites(0x60, 2), 120u);
     EXPECT_EQ(b.amp.reg(0x60, 5), amptest::low8(m_reg_tab_RL_pid[5]));
+}
+
+TEST(AmpProgram, ConcurrentSwitchesDoNotInterleave)
+{
+    AmpBoard b(AmpFitting::Ad82120);
+    amptest::generateTuningFiles(b.board);
+    parseFormatFiles();
+    std::thread meeting([] { HV_SetSoundEQ(2); });
+    std::thread wall([] { HV_SetSoundEQ(1); });
+    meeting.join();
+    wall.join();
+    // Each switch mutes the main amplifier first and releases it last: with
+    // the switches serialised, mutes and releases of 0x60 alternate.
+    std::vector<uint8_t> mainMute;
+    for (const auto &w : b.amp.writesTo(0x60))
+        if (w.reg == 2)
+            mainMute.push_back(w.value);
+    ASSERT_EQ(mainMute.size(), 4u);
+    EXPECT_EQ(mainMute, (std::vector<uint8_t>{0x7F, 0x00, 0x7F, 0x00}));
+    EXPECT_FALSE(b.amp.muted(0x60));
 }
