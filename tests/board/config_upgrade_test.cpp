@@ -333,6 +333,9 @@ TEST_F(ConfigUpgrade, HostileAnswersNeverStopTheReceiveThread)
         usleep(150 * 1000); // one port read per answer
     }
     // The link still works: an announcement runs the check and a restore.
+    // The pause keeps the announcement out of the last hostile chunk (the
+    // receive side does not split chunks).
+    usleep(500 * 1000);
     store.reboot();
     ASSERT_TRUE(waitForRestoreEnd(2, 30s));
     EXPECT_EQ(withPrefix(dsp.commands(), "FINF=").size(), 2u);
