@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         --size;
     }
     size_t n = size < sizeof(message.text) - used ? size : sizeof(message.text) - used;
-    memcpy(message.text + used, data, n);
+    if (n > 0)
+        memcpy(message.text + used, data, n);
     message.length = static_cast<uint32_t>(used + n);
     dsp_rx_file_operations_handle(message);
 
