@@ -411,6 +411,8 @@ void *camera_ptzControl_test_thread(void *)
 {
     while (gPtzHalDev.running.load()) {
         sleep(kTestPollS);
+        if (!gPtzHalDev.running.load())
+            break; // stopped while asleep: ends without acting
         char value[PROPERTY_VALUE_MAX] = {0};
         property_get(kTestProp, value, kTestIdle);
         if (strcmp(value, kTestIdle) == 0)
