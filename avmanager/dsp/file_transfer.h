@@ -62,12 +62,12 @@ extern "C" {
  * answer handlers on the receive thread; every access goes through the
  * file_xfer_descriptor_* functions, which hold the descriptor's lock. */
 typedef struct PrepareToSendFileInfo {
-    char localPath[FILE_XFER_PATH_MAX + 1];    /* file on this side */
-    char dspPath[FILE_XFER_PATH_MAX + 1];      /* the DSP's name for it */
-    uint32_t fileLen;                          /* bytes */
-    char md5[FILE_XFER_MD5_LEN + 1];           /* lower-case hex */
-    uint32_t offset;                           /* offset of the chunk in flight */
-    uint32_t chunkLen;                         /* length of the chunk in flight */
+    char localPath[FILE_XFER_PATH_MAX + 1]; /* file on this side; sending thread */
+    char dspPath[FILE_XFER_PATH_MAX + 1];   /* the DSP's name for it; sending thread */
+    uint32_t fileLen;                       /* bytes; sending thread */
+    char md5[FILE_XFER_MD5_LEN + 1];        /* lower-case hex; sending thread */
+    uint32_t offset;                        /* chunk in flight: offset; sending thread */
+    uint32_t chunkLen;                      /* chunk in flight: length; sending thread */
 } PrepareToSendFileInfo;
 
 extern PrepareToSendFileInfo gPrepareToSendFileInfo;
@@ -101,16 +101,16 @@ int data2hex(const uint8_t *data, uint32_t len, char *hex, uint32_t hexSize);
  * not validated. Returns the number of bytes. */
 int hex2data(const char *hex, uint32_t hexLen, uint8_t *data, uint32_t dataSize);
 
-/* Length and MD5 of a local file. */
+/* Length and MD5 of a local file; filled on the caller's thread. */
 typedef struct FileXferInfo {
-    uint32_t len;                   /* bytes, from the file's status */
+    uint32_t len;                    /* bytes, from the file's status */
     char md5[FILE_XFER_MD5_LEN + 1]; /* lower-case hex, empty if unreadable */
 } FileXferInfo;
 
-/* A local file: owned copy of its path and a descriptor (-1 while closed). */
+/* A local file, used by one thread at a time (its creator's). */
 typedef struct FileXferHandle {
-    char *path;
-    int fd;
+    char *path; /* owned copy, at most 512 characters */
+    int fd;     /* open descriptor, -1 while closed */
 } FileXferHandle;
 
 FileXferHandle *file_xfer_create(const char *path);
