@@ -3,6 +3,9 @@
 // reference and sends the reference over in chunks when they differ.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cutils/properties.h>
@@ -340,4 +343,168 @@ TEST_F(ConfigUpgrade, HostileAnswersNeverStopTheReceiveThread)
     ASSERT_TRUE(waitForRestoreEnd(2, 30s));
     EXPECT_EQ(withPrefix(dsp.commands(), "FINF=").size(), 2u);
     EXPECT_EQ(store.transfersCompleted(), 0u);
+}
+
+// The DSP model's file store on its own, driven through the port the way
+// the module writes: checks of every chunk and of the end of a file.
+namespace {
+
+class FileStoreModel : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fd = open("/dev/ttyS2", O_RDWR | O_NOCTTY);
+        ASSERT_GE(fd, 0);
+        struct termios tio;
+        ASSERT_EQ(tcgetattr(fd, &tio), 0);
+        cfmakeraw(&tio);
+        tio.c_cc[VMIN] = 0;
+        tio.c_cc[VTIME] = 0;
+        ASSERT_EQ(tcsetattr(fd, TCSANOW, &tio), 0);
+    }
+    void TearDown() override
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+
+    // Writes one command with its zero byte and gathers the answer until
+    // the line has been quiet for 150 ms.
+    std::string ask(const std::string &command)
+    {
+        std::string bytes = command;
+        bytes.push_back('\0');
+        EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        return collect();
+    }
+
+    std::string collect(std::chrono::milliseconds quiet = 150ms)
+    {
+        std::string out;
+        const auto deadline = sim::Clock::now() + 3s;
+        auto lastByte = sim::Clock::now();
+        while (sim::Clock::now() < deadline) {
+            struct pollfd pfd = {fd, POLLIN, 0};
+            if (poll(&pfd, 1, 10) > 0) {
+                char buf[512];
+                ssize_t n = read(fd, buf, sizeof(buf));
+                if (n > 0) {
+                    out.append(buf, static_cast<size_t>(n));
+                    lastByte = sim::Clock::now();
+                }
+            } else if (!out.empty() && sim::Clock::now() - lastByte > quiet) {
+                break;
+            } else if (out.empty() && sim::Clock::now() - lastByte > 500ms) {
+                break;
+            }
+        }
+        return out;
+    }
+
+    static std::string hexOf(const std::string &bytes)
+    {
+        std::string out;
+        char two[3];
+        for (unsigned char c : bytes) {
+            snprintf(two, sizeof(two), "%02X", c);
+            out += two;
+        }
+        return out;
+    }
+
+    static unsigned sumOf(const std::string &text)
+    {
+        unsigned total = 0;
+        for (unsigned char c : text)
+            total += c;
+        return total % 256;
+    }
+
+    static std::string chunkCommand(size_t offset, const std::string &bytes)
+    {
+        std::string hex = hexOf(bytes);
+        return "FWDAT=" + std::to_string(offset) + "," + std::to_string(bytes.size()) + "," +
+               std::to_string(sumOf(hex)) + "," + hex;
+    }
+
+    sim::Board board;
+    sim::DspModel dsp{board};
+    sim::DspFileStore store{dsp};
+    int fd = -1;
+};
+
+} // namespace
+
+TEST_F(FileStoreModel, AnswersFinfWithLengthAndMd5OrNull)
+{
+    EXPECT_EQ(ask("FINF=/data/misc/AllConfigs.bin"), "FINF=NULL");
+    store.setFile(kDspFile, "abc");
+    EXPECT_EQ(ask("FINF=/data/misc/AllConfigs.bin"),
+              "FINF=/data/misc/AllConfigs.bin,3,900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST_F(FileStoreModel, KeepsTheNewCopyOnlyAfterAVerifiedEnd)
+{
+    const std::string content = sim::makeConfigBundle(300);
+    store.setFile(kDspFile, "old");
+    EXPECT_EQ(ask("FWSTR=/data/misc/AllConfigs.bin,300," + sim::dspMd5Hex(content)),
+              "FWSTR=/data/misc/AllConfigs.bin,OK");
+    EXPECT_EQ(ask(chunkCommand(0, content.substr(0, 240))), "FWDAT=0,240,OK");
+    EXPECT_EQ(store.file(kDspFile).value_or(""), "old");
+    EXPECT_EQ(ask(chunkCommand(240, content.substr(240))), "FWDAT=240,60,OK");
+    EXPECT_EQ(ask("FWEND=/data/misc/AllConfigs.bin"), "FWEND=/data/misc/AllConfigs.bin,OK");
+    EXPECT_EQ(store.file(kDspFile).value_or(""), content);
+    EXPECT_EQ(store.chunksAccepted(), 2u);
+    EXPECT_EQ(store.transfersCompleted(), 1u);
+}
+
+TEST_F(FileStoreModel, RejectsGapsBadChecksumsBadHexAndWrongLengths)
+{
+    const std::string content = sim::makeConfigBundle(100);
+    ask("FWSTR=/data/misc/AllConfigs.bin,100," + sim::dspMd5Hex(content));
+    EXPECT_EQ(ask(chunkCommand(10, content.substr(10, 20))), "FWDAT=10,20,ERR_OFFSET");
+    std::string hex = hexOf(content.substr(0, 20));
+    EXPECT_EQ(ask("FWDAT=0,20," + std::to_string((sumOf(hex) + 1) % 256) + "," + hex), "FWDAT=0,20,ERR_SUM");
+    EXPECT_EQ(ask("FWDAT=0,21," + std::to_string(sumOf(hex)) + "," + hex), "FWDAT=0,21,ERR_LEN");
+    std::string bad = "ZZ" + hex.substr(2);
+    EXPECT_EQ(ask("FWDAT=0,20," + std::to_string(sumOf(bad)) + "," + bad), "FWDAT=0,20,ERR_HEX");
+    EXPECT_EQ(ask("FWDAT=99999999999,20,1,00"), "FWDAT=99999999999,20,ERR_ARGS");
+    EXPECT_EQ(store.chunksAccepted(), 0u);
+}
+
+TEST_F(FileStoreModel, RejectsAnEndWhoseMd5DiffersAndKeepsTheOldCopy)
+{
+    const std::string content = sim::makeConfigBundle(50);
+    store.setFile(kDspFile, "old");
+    ask("FWSTR=/data/misc/AllConfigs.bin,50,ffffffffffffffffffffffffffffffff");
+    EXPECT_EQ(ask(chunkCommand(0, content)), "FWDAT=0,50,OK");
+    EXPECT_EQ(ask("FWEND=/data/misc/AllConfigs.bin"), "FWEND=/data/misc/AllConfigs.bin,ERR_MD5");
+    EXPECT_EQ(store.file(kDspFile).value_or(""), "old");
+}
+
+TEST_F(FileStoreModel, FaultModesRejectRepeatAndSilence)
+{
+    const std::string content = sim::makeConfigBundle(480);
+    ask("FWSTR=/data/misc/AllConfigs.bin,480," + sim::dspMd5Hex(content));
+    store.rejectChunkAt(0);
+    EXPECT_EQ(ask(chunkCommand(0, content.substr(0, 240))), "FWDAT=0,240,ERR_REJECT");
+    EXPECT_EQ(ask(chunkCommand(0, content.substr(0, 240))), "FWDAT=0,240,OK");
+    store.setRepeatOffset(true);
+    EXPECT_EQ(ask(chunkCommand(240, content.substr(240))), "FWDAT=0,240,OK");
+    store.setRepeatOffset(false);
+    store.setSilent(true);
+    EXPECT_EQ(ask("FINF=/data/misc/AllConfigs.bin"), "");
+    EXPECT_EQ(store.fileCommands().back(), "FINF=/data/misc/AllConfigs.bin");
+}
+
+TEST_F(FileStoreModel, RebootForgetsTheTransferRunsHooksAndAnnounces)
+{
+    int hooks = 0;
+    store.addRebootHook([&] { ++hooks; });
+    const std::string content = sim::makeConfigBundle(20);
+    ask("FWSTR=/data/misc/AllConfigs.bin,20," + sim::dspMd5Hex(content));
+    store.reboot();
+    EXPECT_EQ(collect(), "VER_FULL=" + store.version());
+    EXPECT_EQ(hooks, 1);
+    EXPECT_EQ(ask(chunkCommand(0, content)), "FWDAT=0,20,ERR_STATE");
 }
