@@ -251,6 +251,16 @@ TEST_F(ConfigUpgrade, DspAnsweringNullToFinfTriggersFullTransfer)
     EXPECT_EQ(store.file(kDspFile).value_or(""), bundle);
 }
 
+TEST_F(ConfigUpgrade, TransferCompletesAtTheRealLineRate)
+{
+    const std::string bundle = sim::installConfigBundle(board, 500);
+    dsp.setLineRate(115200);
+    startLink();
+    store.reboot();
+    ASSERT_TRUE(waitForUpgrade(30s));
+    EXPECT_EQ(store.file(kDspFile).value_or(""), bundle);
+}
+
 TEST_F(ConfigUpgrade, OldCopyIsReplacedByTheReference)
 {
     const std::string bundle = sim::installConfigBundle(board, 700);
