@@ -28,9 +28,11 @@ std::string format(const char *fmt, double a)
 
 } // namespace
 
-DspAudio::DspAudio(DspModel &dsp) : dsp_(dsp)
+DspAudio::DspAudio(DspModel &dsp) : dsp_(dsp), state_(std::make_shared<State>())
 {
-    dsp_.addResponder([this](DspModel &d, const std::string &command) { return handle(d, command); });
+    std::shared_ptr<State> state = state_;
+    dsp_.addResponder(
+        [state](DspModel &d, const std::string &command) { return handle(*state, d, command); });
 }
 
 void DspAudio::announceVersion(const std::string &text)
@@ -43,28 +45,28 @@ void DspAudio::raiseDoa(int angle)
     dsp_.send("MIC_DOA=" + std::to_string(angle));
 }
 
-bool DspAudio::handle(DspModel &dsp, const std::string &command)
+bool DspAudio::handle(State &st, DspModel &dsp, const std::string &command)
 {
     std::string_view c = command;
     std::string reply;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(st.mutex);
         if (c == "MV=?") {
-            reply = format("MV=%.2f", mainDb_);
+            reply = format("MV=%.2f", st.mainDb);
         } else if (startsWith(c, "MV=")) {
-            mainDb_ = strtof(command.c_str() + 3, nullptr);
+            st.mainDb = strtof(command.c_str() + 3, nullptr);
         } else if (c == "VS=?") {
-            reply = format("VS=%.2f", spdifDb_);
+            reply = format("VS=%.2f", st.spdifDb);
         } else if (startsWith(c, "VS=")) {
-            spdifDb_ = strtof(command.c_str() + 3, nullptr);
+            st.spdifDb = strtof(command.c_str() + 3, nullptr);
         } else if (c == "MT=?") {
-            reply = mainMuted_ ? "MT=1" : "MT=0";
+            reply = st.mainMuted ? "MT=1" : "MT=0";
         } else if (c == "MT=1" || c == "MT=0") {
-            mainMuted_ = c == "MT=1";
+            st.mainMuted = c == "MT=1";
         } else if (startsWith(c, "BAL_LEFT=")) {
-            balanceLeft_ = strtof(command.c_str() + 9, nullptr);
+            st.balanceLeft = strtof(command.c_str() + 9, nullptr);
         } else if (startsWith(c, "BAL_RIGHT=")) {
-            balanceRight_ = strtof(command.c_str() + 10, nullptr);
+            st.balanceRight = strtof(command.c_str() + 10, nullptr);
         } else if (startsWith(c, "USER_EQ[")) {
             int index = -1;
             int consumed = 0;
@@ -73,7 +75,7 @@ bool DspAudio::handle(DspModel &dsp, const std::string &command)
                 return false;
             const char *rest = command.c_str() + consumed;
             if (std::string_view(rest) == "?") {
-                const EqBand &b = eq_[index];
+                const EqBand &b = st.eq[index];
                 char buf[96];
                 snprintf(buf, sizeof buf, "USER_EQ[%d]=%d,%d,%.4f,%.4f", index, b.type, b.freq,
                          static_cast<double>(b.gain), static_cast<double>(b.q));
@@ -82,16 +84,16 @@ bool DspAudio::handle(DspModel &dsp, const std::string &command)
                 EqBand b;
                 if (sscanf(rest, "%d,%d,%f,%f", &b.type, &b.freq, &b.gain, &b.q) != 4)
                     return false;
-                eq_[index] = b;
+                st.eq[index] = b;
             }
         } else if (c == "MIC_DOA_REP=?") {
-            reply = doaReporting_ ? "MIC_DOA_REP=1" : "MIC_DOA_REP=0";
+            reply = st.doaReporting ? "MIC_DOA_REP=1" : "MIC_DOA_REP=0";
         } else if (startsWith(c, "MIC_DOA_REP=")) {
-            doaReporting_ = atoi(command.c_str() + 12) != 0;
+            st.doaReporting = atoi(command.c_str() + 12) != 0;
         } else if (c == "AOM=?") {
-            reply = "AOM=" + route_;
+            reply = "AOM=" + st.route;
         } else if (startsWith(c, "AOM=")) {
-            route_ = command.substr(4);
+            st.route = command.substr(4);
         } else if (startsWith(c, "MIC_BAR=")) {
             MicBar bar;
             char tail[16] = {};
@@ -99,20 +101,20 @@ bool DspAudio::handle(DspModel &dsp, const std::string &command)
             if (n < 2)
                 return false;
             bar.isStatic = n == 3 && std::string_view(tail) == "static";
-            micBar_ = bar;
+            st.micBar = bar;
         } else if (startsWith(c, "ZOOM_MODE=")) {
-            zoomMode_ = atoi(command.c_str() + 10);
+            st.zoomMode = atoi(command.c_str() + 10);
         } else if (startsWith(c, "SPK_EQ_MODE=")) {
-            speakerEqMode_ = command.substr(12);
+            st.speakerEqMode = command.substr(12);
         } else if (startsWith(c, "PER_STAT=") && c.size() > 9 && c.back() == '?') {
             int peripheral = atoi(command.c_str() + 9);
-            auto it = hotPlug_.find(peripheral);
+            auto it = st.hotPlug.find(peripheral);
             // "id, state": the blank after the comma is what makes the
             // module's overlapping token copy read id and state apart.
             reply = "PER_STAT=" + std::to_string(peripheral) + ", " +
-                    std::to_string(it == hotPlug_.end() ? 0 : it->second);
+                    std::to_string(it == st.hotPlug.end() ? 0 : it->second);
         } else if (c == "PD=1") {
-            poweredDown_ = true;
+            st.poweredDown = true;
         } else {
             return false;
         }
@@ -125,77 +127,77 @@ bool DspAudio::handle(DspModel &dsp, const std::string &command)
 #define SIM_GETTER(type, name, expr)                                                               \
     type DspAudio::name() const                                                                    \
     {                                                                                              \
-        std::lock_guard<std::mutex> lock(mutex_);                                                  \
+        std::lock_guard<std::mutex> lock(state_->mutex);                                                  \
         return expr;                                                                               \
     }
 
-SIM_GETTER(float, mainDb, mainDb_)
-SIM_GETTER(float, spdifDb, spdifDb_)
-SIM_GETTER(bool, mainMuted, mainMuted_)
-SIM_GETTER(float, balanceLeft, balanceLeft_)
-SIM_GETTER(float, balanceRight, balanceRight_)
-SIM_GETTER(bool, doaReporting, doaReporting_)
-SIM_GETTER(std::string, audioOutRoute, route_)
-SIM_GETTER(DspAudio::MicBar, micBar, micBar_)
-SIM_GETTER(int, zoomMode, zoomMode_)
-SIM_GETTER(std::string, speakerEqMode, speakerEqMode_)
-SIM_GETTER(bool, poweredDown, poweredDown_)
+SIM_GETTER(float, mainDb, state_->mainDb)
+SIM_GETTER(float, spdifDb, state_->spdifDb)
+SIM_GETTER(bool, mainMuted, state_->mainMuted)
+SIM_GETTER(float, balanceLeft, state_->balanceLeft)
+SIM_GETTER(float, balanceRight, state_->balanceRight)
+SIM_GETTER(bool, doaReporting, state_->doaReporting)
+SIM_GETTER(std::string, audioOutRoute, state_->route)
+SIM_GETTER(DspAudio::MicBar, micBar, state_->micBar)
+SIM_GETTER(int, zoomMode, state_->zoomMode)
+SIM_GETTER(std::string, speakerEqMode, state_->speakerEqMode)
+SIM_GETTER(bool, poweredDown, state_->poweredDown)
 #undef SIM_GETTER
 
 DspAudio::EqBand DspAudio::eqBand(unsigned index) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return index < eq_.size() ? eq_[index] : EqBand{};
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return index < state_->eq.size() ? state_->eq[index] : EqBand{};
 }
 
 int DspAudio::hotPlugState(int peripheral) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = hotPlug_.find(peripheral);
-    return it == hotPlug_.end() ? 0 : it->second;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    auto it = state_->hotPlug.find(peripheral);
+    return it == state_->hotPlug.end() ? 0 : it->second;
 }
 
 void DspAudio::setMainDb(float db)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    mainDb_ = db;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->mainDb = db;
 }
 
 void DspAudio::setSpdifDb(float db)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    spdifDb_ = db;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->spdifDb = db;
 }
 
 void DspAudio::setMainMuted(bool muted)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    mainMuted_ = muted;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->mainMuted = muted;
 }
 
 void DspAudio::setDoaReporting(bool on)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    doaReporting_ = on;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->doaReporting = on;
 }
 
 void DspAudio::setAudioOutRoute(const std::string &route)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    route_ = route;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->route = route;
 }
 
 void DspAudio::setEqBand(unsigned index, const EqBand &band)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (index < eq_.size())
-        eq_[index] = band;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    if (index < state_->eq.size())
+        state_->eq[index] = band;
 }
 
 void DspAudio::setHotPlugState(int peripheral, int state)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hotPlug_[peripheral] = state;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->hotPlug[peripheral] = state;
 }
 
 } // namespace sim

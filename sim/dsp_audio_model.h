@@ -11,6 +11,7 @@
 
 #include <array>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -63,23 +64,28 @@ public:
     void setHotPlugState(int peripheral, int state);
 
 private:
-    bool handle(DspModel &dsp, const std::string &command);
+    // The responder outlives this object inside the DSP model (which has
+    // no way to remove it), so it shares the state rather than `this`.
+    struct State {
+        mutable std::mutex mutex; // guards everything below (serial reader thread vs. test)
+        float mainDb = -20.0f;
+        float spdifDb = -20.0f;
+        bool mainMuted = false;
+        float balanceLeft = 1.0f;
+        float balanceRight = 1.0f;
+        std::array<EqBand, 8> eq{};
+        bool doaReporting = false;
+        std::string route = "SPEAKER";
+        MicBar micBar{};
+        int zoomMode = 0;
+        std::string speakerEqMode;
+        std::map<int, int> hotPlug;
+        bool poweredDown = false;
+    };
+    static bool handle(State &state, DspModel &dsp, const std::string &command);
 
     DspModel &dsp_;
-    mutable std::mutex mutex_; // guards everything below (serial reader thread vs. test)
-    float mainDb_ = -20.0f;
-    float spdifDb_ = -20.0f;
-    bool mainMuted_ = false;
-    float balanceLeft_ = 1.0f;
-    float balanceRight_ = 1.0f;
-    std::array<EqBand, 8> eq_{};
-    bool doaReporting_ = false;
-    std::string route_ = "SPEAKER";
-    MicBar micBar_{};
-    int zoomMode_ = 0;
-    std::string speakerEqMode_;
-    std::map<int, int> hotPlug_;
-    bool poweredDown_ = false;
+    std::shared_ptr<State> state_;
 };
 
 } // namespace sim

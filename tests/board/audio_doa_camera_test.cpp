@@ -43,6 +43,7 @@ protected:
 
     void TearDown() override
     {
+        // The camera link's threads end on their own once its flag is down.
         if (cameraUp)
             camera_ptzHal_deinit();
         if (!dspUp)
