@@ -33,6 +33,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -170,6 +171,33 @@ void startParameterRestore()
     }
     pthread_detach(thread);
 }
+
+#if defined(AVM_HOST_BUILD)
+// The port is set to return a read once 128 bytes are in or 0.1 s after the
+// last byte. Newer host kernels hand a raw terminal read over in pieces of
+// at most 64 bytes and end the read after the first piece, so a longer
+// reply would come out as two. When a read ends exactly on a piece
+// boundary, keep reading while bytes follow within the inter-byte time, up
+// to the 128 bytes the port promises, so one read is still one reply.
+constexpr ssize_t kHostTtyPiece = 64;
+constexpr ssize_t kPortReadMinBytes = 128;
+constexpr int kInterByteMs = 100;
+
+ssize_t gatherHostTtyPieces(int fd, char *buffer, ssize_t got, size_t size)
+{
+    while (got > 0 && got % kHostTtyPiece == 0 && got < kPortReadMinBytes &&
+           static_cast<size_t>(got) < size) {
+        struct pollfd more = {fd, POLLIN, 0};
+        if (poll(&more, 1, kInterByteMs) <= 0)
+            break;
+        ssize_t n = read(fd, buffer + got, size - static_cast<size_t>(got));
+        if (n <= 0)
+            break;
+        got += n;
+    }
+    return got;
+}
+#endif
 
 // Joins a thread the link started; a handle that was never set is skipped.
 void joinIfStarted(pthread_t &thread)
@@ -336,7 +364,11 @@ int dspHalReadUsart(char *buffer)
         usleep(kSelectBackoffUs);
         return ret;
     }
-    return static_cast<int>(readUsartDevice(fd, buffer, DSP_REQUEST_TEXT_SIZE));
+    ssize_t got = readUsartDevice(fd, buffer, DSP_REQUEST_TEXT_SIZE);
+#if defined(AVM_HOST_BUILD)
+    got = gatherHostTtyPieces(fd, buffer, got, DSP_REQUEST_TEXT_SIZE);
+#endif
+    return static_cast<int>(got);
 }
 
 int dspHal_uart_init(void)

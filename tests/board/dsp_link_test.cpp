@@ -171,6 +171,29 @@ TEST_F(DspLinkBoard, ReplyChunkFromTheDspIsLoggedAndDispatched)
     EXPECT_TRUE(log.waitFor("DSP", "init_parameter_thread enter \n", 3000ms));
 }
 
+TEST_F(DspLinkBoard, ReplyOfAHundredBytesArrivesAsOneChunk)
+{
+    start();
+    const std::string reply = "FINF=/data/misc/AllConfigs.bin,500," + std::string(65, 'a');
+    dsp->send(reply);
+    EXPECT_TRUE(log.waitFor("DSP", reply, 3000ms));
+    EXPECT_EQ(log.count("DSP", reply), 1u);
+}
+
+TEST_F(DspLinkBoard, RepliesSeparatedBySilenceStayApartEvenAtSixtyFourBytes)
+{
+    start();
+    const std::string first = "USER_EQ=" + std::string(56, '1'); // 64 bytes
+    const std::string second = "USER_EQ=" + std::string(56, '2');
+    dsp->send(first);
+    ASSERT_TRUE(log.waitFor("DSP", first, 3000ms));
+    std::this_thread::sleep_for(300ms);
+    dsp->send(second);
+    ASSERT_TRUE(log.waitFor("DSP", second, 3000ms));
+    EXPECT_EQ(log.count("DSP", first), 1u);
+    EXPECT_EQ(log.count("DSP", second), 1u);
+}
+
 TEST_F(DspLinkBoard, TwoVersionAnnouncementsInQuickSuccessionStartOneRestore)
 {
     start();
