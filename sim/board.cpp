@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -181,14 +182,8 @@ Board::Board()
 Board::~Board()
 {
     trace_.setListener(nullptr);
-    {
-        std::lock_guard<std::mutex> lock(nodesMutex_);
-        for (auto &entry : sysPaths_)
-            umockdev_testbed_remove_device(testbed_, entry.second.c_str());
-        sysPaths_.clear();
-    }
-    // Finalizing the testbed stops its ioctl worker and removes its
-    // directory.
+    // Finalizing the testbed stops its ioctl worker, closes the ptys and
+    // removes its directory.
     g_object_unref(testbed_);
     testbed_ = nullptr;
     std::error_code ec;
@@ -225,23 +220,27 @@ std::string Board::devPath(const std::string &devnode) const
     return testbedRoot_ + "/dev/" + nodeName(devnode);
 }
 
-void Board::unmask(const std::string &devnode)
+std::string Board::addNode(const std::string &devnode)
 {
+    // umockdev cannot create a node twice in one testbed (nor take a device
+    // away again), so a node keeps its device and pty for the board's life;
+    // claiming it again just puts its node back.
+    std::lock_guard<std::mutex> lock(nodesMutex_);
     const std::string path = devPath(devnode);
+    auto it = nodes_.find(devnode);
+    if (it != nodes_.end()) {
+        unlink(path.c_str());
+        if (symlink(it->second.target.c_str(), path.c_str()) != 0) {
+            std::fprintf(stderr, "virtual board: cannot restore %s: %s\n", devnode.c_str(),
+                         std::strerror(errno));
+            return std::string();
+        }
+        return it->second.syspath;
+    }
+    // Drop the mask so umockdev can create the node.
     struct stat st;
     if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
         unlink(path.c_str());
-}
-
-std::string Board::addNode(const std::string &devnode)
-{
-    std::lock_guard<std::mutex> lock(nodesMutex_);
-    auto it = sysPaths_.find(devnode);
-    if (it != sysPaths_.end()) {
-        umockdev_testbed_remove_device(testbed_, it->second.c_str());
-        sysPaths_.erase(it);
-    }
-    unmask(devnode);
     const std::string name = nodeName(devnode);
     std::string leaf = name;
     std::replace(leaf.begin(), leaf.end(), '/', '_');
@@ -256,9 +255,14 @@ std::string Board::addNode(const std::string &devnode)
         g_clear_error(&error);
         return std::string();
     }
-    const std::string syspath = "/sys" + devpath;
-    sysPaths_[devnode] = syspath;
-    return syspath;
+    // The node umockdev made is a link to the slave side of its pty.
+    char target[PATH_MAX] = {};
+    const ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+    NodeRecord entry;
+    entry.syspath = "/sys" + devpath;
+    entry.target = n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+    nodes_[devnode] = entry;
+    return entry.syspath;
 }
 
 int Board::addSerialNode(const std::string &devnode)
@@ -270,6 +274,8 @@ int Board::addSerialNode(const std::string &devnode)
         std::fprintf(stderr, "virtual board: %s is not backed by a pty\n", devnode.c_str());
         return -1;
     }
+    // A line claimed again starts empty.
+    tcflush(master, TCIOFLUSH);
     // A UART has no line discipline: put the slave side in raw mode until
     // the module configures it, so nothing is echoed or translated.
     if (const char *slave = ptsname(master)) {
@@ -288,14 +294,7 @@ int Board::addSerialNode(const std::string &devnode)
 
 void Board::mask(const std::string &devnode)
 {
-    {
-        std::lock_guard<std::mutex> lock(nodesMutex_);
-        auto it = sysPaths_.find(devnode);
-        if (it != sysPaths_.end()) {
-            umockdev_testbed_remove_device(testbed_, it->second.c_str());
-            sysPaths_.erase(it);
-        }
-    }
+    std::lock_guard<std::mutex> lock(nodesMutex_);
     const std::string path = devPath(devnode);
     std::error_code ec;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
@@ -742,6 +741,10 @@ IoctlNode::~IoctlNode()
                                              reinterpret_cast<gpointer>(onCall), nullptr);
         g_object_unref(impl_->base);
     }
+    // Without its handler the node would be a bare pty: hide it, as for a
+    // peripheral that is not there.
+    if (impl_->attached)
+        impl_->board.mask(impl_->devnode);
 }
 
 // ---------------------------------------------------------------- waitUntil

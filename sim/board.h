@@ -80,21 +80,26 @@ public:
     int addSerialNode(const std::string &devnode);
     // Hides a node again (a peripheral that was removed).
     void mask(const std::string &devnode);
-    // Claims a node as a plain emulated device (a regular file until an
-    // ioctl handler is attached); returns its sysfs path, "" on failure.
+    // Claims a node as an emulated device (pty-backed; an attached ioctl
+    // handler takes its calls over); returns its sysfs path, "" on
+    // failure. A node claimed again after mask() comes back as it was.
     std::string addNode(const std::string &devnode);
     // Where a /dev node lies inside the testbed.
     std::string devPath(const std::string &devnode) const;
 
 private:
-    void unmask(const std::string &devnode);
+    // A node claimed once on this board.
+    struct NodeRecord {
+        std::string syspath; // its testbed device
+        std::string target;  // what the node links to when not masked
+    };
 
     UMockdevTestbed *testbed_ = nullptr;
     std::string testbedRoot_; // umockdev's directory (UMOCKDEV_DIR)
     std::string root_;
     Trace trace_;
-    std::mutex nodesMutex_;                       // guards sysPaths_
-    std::map<std::string, std::string> sysPaths_; // devnode -> sysfs device
+    std::mutex nodesMutex_;                     // guards nodes_ and the dev links
+    std::map<std::string, NodeRecord> nodes_;   // devnode -> its device
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module

@@ -626,3 +626,79 @@ TEST(BoardCore, DroppedDeferredCallFailsWithEio)
     EXPECT_EQ(errno, EIO);
     close(fd);
 }
+
+TEST(DspModelCore, ANewModelOnTheSameBoardTakesTheNodeOver)
+{
+    sim::Board board;
+    { sim::DspModel first(board); }
+    sim::DspModel dsp(board);
+    dsp.addResponder([](sim::DspModel &d, const std::string &command) {
+        d.send(command + "=ok");
+        return true;
+    });
+    const int fd = openPortLikeModule("/dev/ttyS2");
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(writeAll(fd, std::string("PING\0", 5)));
+    EXPECT_EQ(readFor(fd, 7, 2000ms), "PING=ok");
+    close(fd);
+}
+
+TEST(BoardCore, SerialLineClaimedAgainAfterMaskWorks)
+{
+    sim::Board board;
+    {
+        sim::SerialLine first(board, "/dev/ttyS1", "ptz");
+        first.start([](const uint8_t *, size_t) {});
+    }
+    board.mask("/dev/ttyS1");
+    const int masked = open("/dev/ttyS1", O_RDWR | O_NOCTTY);
+    EXPECT_EQ(masked, -1);
+    if (masked >= 0)
+        close(masked);
+
+    std::mutex mutex;
+    std::string received;
+    sim::SerialLine line(board, "/dev/ttyS1", "ptz");
+    line.start([&](const uint8_t *data, size_t size) {
+        std::lock_guard<std::mutex> lock(mutex);
+        received.append(reinterpret_cast<const char *>(data), size);
+    });
+    const int fd = openPortLikeModule("/dev/ttyS1");
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(writeAll(fd, "again"));
+    EXPECT_TRUE(sim::waitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return received == "again";
+        },
+        2000ms));
+    close(fd);
+}
+
+TEST(BoardCore, IoctlNodeCreatedAgainOnTheSameNodeAnswers)
+{
+    sim::Board board;
+    {
+        sim::IoctlNode first(board, "/dev/i2c-1", [](sim::IoctlCall &, int *) { return 1; });
+    }
+    sim::IoctlNode second(board, "/dev/i2c-1", [](sim::IoctlCall &, int *) { return 2; });
+    const int fd = open("/dev/i2c-1", O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ioctl(fd, kFakeValue, 0), 2);
+    close(fd);
+}
+
+TEST(BoardCore, IoctlNodeIsHiddenWhenItsModelGoes)
+{
+    sim::Board board;
+    {
+        sim::IoctlNode node(board, "/dev/snd/controlC2", [](sim::IoctlCall &, int *) { return 0; });
+        const int fd = open("/dev/snd/controlC2", O_RDWR);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+    const int fd = open("/dev/snd/controlC2", O_RDWR);
+    EXPECT_EQ(fd, -1);
+    if (fd >= 0)
+        close(fd);
+}
