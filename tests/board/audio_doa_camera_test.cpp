@@ -43,9 +43,21 @@ protected:
 
     void TearDown() override
     {
-        // The camera link's threads end on their own once its flag is down.
-        if (cameraUp)
+        if (cameraUp) {
             camera_ptzHal_deinit();
+            // The camera sender wakes on its next pipe message; keep some
+            // coming until both camera threads are joined.
+            std::atomic<bool> joined{false};
+            std::thread waker([&] {
+                while (!joined) {
+                    sendAutoTestToCameraPipe(0);
+                    std::this_thread::sleep_for(50ms);
+                }
+            });
+            joinPtzThreadPool();
+            joined = true;
+            waker.join();
+        }
         if (!dspUp)
             return;
         std::atomic<bool> done{false};
