@@ -5,9 +5,7 @@
 
 #include <md5.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace sim {
@@ -108,95 +106,134 @@ std::string dspMd5Hex(const std::string &bytes)
     return std::string(hex, 32);
 }
 
+struct DspFileStore::Impl {
+    // A transfer announced by FWSTR and not yet ended.
+    struct Pending {
+        bool active = false;  // FWSTR accepted, FWEND not yet seen
+        std::string path;     // the file being written
+        uint64_t length = 0;  // announced length
+        std::string md5;      // announced MD5
+        std::string data;     // bytes accepted so far
+        uint32_t lastOffset = 0; // offset of the last chunk answered
+    };
+
+    std::mutex mutex;                          // guards everything below
+    bool detached = false;                     // the store object is gone
+    std::map<std::string, std::string> files;  // the DSP's files
+    Pending pending;
+    std::optional<uint32_t> rejectAt;          // one chunk to refuse
+    bool repeatOffset = false;                 // answer with the previous offset
+    bool silent = false;                       // no answers to file commands
+    std::vector<std::string> log;              // file commands seen
+    size_t chunksAccepted = 0;
+    size_t transfersCompleted = 0;
+    std::vector<std::function<void()>> rebootHooks;
+
+    bool handle(DspModel &dsp, const std::string &command);
+    std::string onInfo(const std::string &path);
+    std::string onStart(const std::string &args);
+    std::string onData(const std::string &args);
+    std::string onEnd(const std::string &path);
+};
+
 DspFileStore::DspFileStore(DspModel &dsp, std::string version)
-    : dsp_(dsp), version_(std::move(version))
+    : dsp_(dsp), version_(std::move(version)), impl_(std::make_shared<Impl>())
 {
-    dsp_.addResponder([this](DspModel &model, const std::string &command) {
-        return handle(model, command);
+    std::shared_ptr<Impl> impl = impl_;
+    dsp_.addResponder([impl](DspModel &model, const std::string &command) {
+        return impl->handle(model, command);
     });
+}
+
+DspFileStore::~DspFileStore()
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->detached = true;
 }
 
 void DspFileStore::setFile(const std::string &path, const std::string &content)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    files_[path] = content;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->files[path] = content;
 }
 
 void DspFileStore::removeFile(const std::string &path)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    files_.erase(path);
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->files.erase(path);
 }
 
 std::optional<std::string> DspFileStore::file(const std::string &path) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = files_.find(path);
-    if (it == files_.end())
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    auto it = impl_->files.find(path);
+    if (it == impl_->files.end())
         return std::nullopt;
     return it->second;
 }
 
 void DspFileStore::rejectChunkAt(std::optional<uint32_t> offset)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    rejectAt_ = offset;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->rejectAt = offset;
 }
 
 void DspFileStore::setRepeatOffset(bool repeat)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    repeatOffset_ = repeat;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->repeatOffset = repeat;
 }
 
 void DspFileStore::setSilent(bool silent)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    silent_ = silent;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->silent = silent;
 }
 
 std::vector<std::string> DspFileStore::fileCommands() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return log_;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->log;
 }
 
 size_t DspFileStore::chunksAccepted() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return chunksAccepted_;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->chunksAccepted;
 }
 
 size_t DspFileStore::transfersCompleted() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return transfersCompleted_;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->transfersCompleted;
 }
 
 void DspFileStore::addRebootHook(std::function<void()> hook)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    rebootHooks_.push_back(std::move(hook));
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->rebootHooks.push_back(std::move(hook));
 }
 
 void DspFileStore::reboot()
 {
     std::vector<std::function<void()>> hooks;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        pending_ = Pending{};
-        hooks = rebootHooks_;
+        std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->pending = Impl::Pending{};
+        hooks = impl_->rebootHooks;
     }
     for (auto &hook : hooks)
         hook();
     dsp_.send("VER_FULL=" + version_);
 }
 
-bool DspFileStore::handle(DspModel &dsp, const std::string &command)
+bool DspFileStore::Impl::handle(DspModel &dsp, const std::string &command)
 {
     std::string reply;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (detached)
+            return false;
         if (startsWith(command, "FINF="))
             reply = onInfo(command.substr(5));
         else if (startsWith(command, "FWSTR="))
@@ -207,39 +244,37 @@ bool DspFileStore::handle(DspModel &dsp, const std::string &command)
             reply = onEnd(command.substr(6));
         else
             return false;
-        log_.push_back(command);
-        if (silent_)
+        log.push_back(command);
+        if (silent)
             return true;
     }
     dsp.send(reply);
     return true;
 }
 
-std::string DspFileStore::onInfo(const std::string &path)
+std::string DspFileStore::Impl::onInfo(const std::string &path)
 {
-    auto it = files_.find(path);
-    if (it == files_.end())
+    auto it = files.find(path);
+    if (it == files.end())
         return "FINF=NULL";
     return "FINF=" + path + "," + std::to_string(it->second.size()) + "," + dspMd5Hex(it->second);
 }
 
-std::string DspFileStore::onStart(const std::string &args)
+std::string DspFileStore::Impl::onStart(const std::string &args)
 {
     std::vector<std::string> f = splitFields(args);
     uint32_t length = 0;
-    if (f.size() != 3 || f[0].empty() || !parseU32(f[1], &length) || f[2].size() != 32) {
-        pending_ = Pending{};
+    pending = Pending{};
+    if (f.size() != 3 || f[0].empty() || !parseU32(f[1], &length) || f[2].size() != 32)
         return "FWSTR=" + (f.empty() ? std::string() : f[0]) + ",ERR_ARGS";
-    }
-    pending_ = Pending{};
-    pending_.active = true;
-    pending_.path = f[0];
-    pending_.length = length;
-    pending_.md5 = f[2];
+    pending.active = true;
+    pending.path = f[0];
+    pending.length = length;
+    pending.md5 = f[2];
     return "FWSTR=" + f[0] + ",OK";
 }
 
-std::string DspFileStore::onData(const std::string &args)
+std::string DspFileStore::Impl::onData(const std::string &args)
 {
     std::vector<std::string> f = splitFields(args);
     uint32_t offset = 0, length = 0, sum = 0;
@@ -248,18 +283,18 @@ std::string DspFileStore::onData(const std::string &args)
         return "FWDAT=" + (f.empty() ? std::string() : f[0]) + "," +
                (f.size() > 1 ? f[1] : std::string()) + ",ERR_ARGS";
     const std::string head = "FWDAT=" + f[0] + "," + f[1] + ",";
-    if (repeatOffset_) {
-        std::string answer = "FWDAT=" + std::to_string(pending_.lastOffset) + "," + f[1] + ",OK";
-        pending_.lastOffset = offset;
+    if (repeatOffset) {
+        std::string answer = "FWDAT=" + std::to_string(pending.lastOffset) + "," + f[1] + ",OK";
+        pending.lastOffset = offset;
         return answer;
     }
-    if (rejectAt_ && *rejectAt_ == offset) {
-        rejectAt_.reset();
+    if (rejectAt && *rejectAt == offset) {
+        rejectAt.reset();
         return head + "ERR_REJECT";
     }
-    if (!pending_.active)
+    if (!pending.active)
         return head + "ERR_STATE";
-    if (offset != pending_.data.size())
+    if (offset != pending.data.size())
         return head + "ERR_OFFSET";
     const std::string &hex = f[3];
     if (hex.size() != 2ull * length)
@@ -278,26 +313,26 @@ std::string DspFileStore::onData(const std::string &args)
             return head + "ERR_HEX";
         bytes += static_cast<char>(hi * 16 + lo);
     }
-    if (pending_.data.size() + bytes.size() > pending_.length)
+    if (pending.data.size() + bytes.size() > pending.length)
         return head + "ERR_LEN";
-    pending_.data += bytes;
-    pending_.lastOffset = offset;
-    ++chunksAccepted_;
+    pending.data += bytes;
+    pending.lastOffset = offset;
+    ++chunksAccepted;
     return head + "OK";
 }
 
-std::string DspFileStore::onEnd(const std::string &path)
+std::string DspFileStore::Impl::onEnd(const std::string &path)
 {
-    if (!pending_.active || path != pending_.path)
+    if (!pending.active || path != pending.path)
         return "FWEND=" + path + ",ERR_STATE";
-    Pending done = std::move(pending_);
-    pending_ = Pending{};
+    Pending done = std::move(pending);
+    pending = Pending{};
     if (done.data.size() != done.length)
         return "FWEND=" + path + ",ERR_LEN";
     if (dspMd5Hex(done.data) != done.md5)
         return "FWEND=" + path + ",ERR_MD5";
-    files_[path] = std::move(done.data);
-    ++transfersCompleted_;
+    files[path] = std::move(done.data);
+    ++transfersCompleted;
     return "FWEND=" + path + ",OK";
 }
 

@@ -20,13 +20,14 @@
  * announces itself with "VER_FULL=<version>".
  *
  * Threads: commands arrive on the DSP model's reader thread; tests call the
- * setters and getters from their own thread. One mutex guards everything.
+ * setters and getters from their own thread. One mutex guards all state.
  */
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -55,6 +56,7 @@ std::string dspMd5Hex(const std::string &bytes);
 class DspFileStore {
 public:
     explicit DspFileStore(DspModel &dsp, std::string version = "AVM-DSP 2.4.1 build 0917");
+    ~DspFileStore();
     DspFileStore(const DspFileStore &) = delete;
     DspFileStore &operator=(const DspFileStore &) = delete;
 
@@ -85,33 +87,13 @@ public:
     const std::string &version() const { return version_; }
 
 private:
-    bool handle(DspModel &dsp, const std::string &command);
-    std::string onInfo(const std::string &args);
-    std::string onStart(const std::string &args);
-    std::string onData(const std::string &args);
-    std::string onEnd(const std::string &args);
-
-    struct Pending {
-        bool active = false;
-        std::string path;
-        uint64_t length = 0;
-        std::string md5;
-        std::string data;
-        uint32_t lastOffset = 0;
-    };
-
+    // The store's state lives as long as the responder that the DSP model
+    // keeps (the model offers commands until it is itself destroyed, which
+    // may be after this object); the destructor only detaches it.
+    struct Impl;
     DspModel &dsp_;
     const std::string version_;
-    mutable std::mutex mutex_;
-    std::map<std::string, std::string> files_;
-    Pending pending_;
-    std::optional<uint32_t> rejectAt_;
-    bool repeatOffset_ = false;
-    bool silent_ = false;
-    std::vector<std::string> log_;
-    size_t chunksAccepted_ = 0;
-    size_t transfersCompleted_ = 0;
-    std::vector<std::function<void()>> rebootHooks_;
+    std::shared_ptr<Impl> impl_;
 };
 
 } // namespace sim
