@@ -45,6 +45,25 @@ void DspAudio::raiseDoa(int angle)
     dsp_.send("MIC_DOA=" + std::to_string(angle));
 }
 
+void DspAudio::forgetSettings()
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    State &s = *state_;
+    s.mainDb = State{}.mainDb;
+    s.spdifDb = State{}.spdifDb;
+    s.mainMuted = false;
+    s.balanceLeft = 1.0f;
+    s.balanceRight = 1.0f;
+    s.eq = {};
+    s.doaReporting = false;
+    s.route = "SPEAKER";
+    s.micBar = {};
+    s.zoomMode = 0;
+    s.speakerEqMode.clear();
+    s.hotPlug.clear();
+    s.poweredDown = false;
+}
+
 bool DspAudio::handle(State &st, DspModel &dsp, const std::string &command)
 {
     std::string_view c = command;

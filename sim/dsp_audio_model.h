@@ -39,6 +39,9 @@ public:
     void announceVersion(const std::string &text);
     // Sends a sound-direction report "MIC_DOA=<angle>".
     void raiseDoa(int angle);
+    // A DSP restart: every setting goes back to its power-on value (the DSP
+    // keeps nothing across restarts; the module restores it).
+    void forgetSettings();
 
     float mainDb() const;
     float spdifDb() const;

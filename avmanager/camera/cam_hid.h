@@ -9,6 +9,8 @@ extern "C" {
 #endif
 
 int getCamLogs(const char *directory);
+// Non-zero makes every report and chunk of a log download be logged.
+void setCamHidTransferFileDebug(int flag);
 
 #ifdef __cplusplus
 }

@@ -35,6 +35,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "camera/cam_hid.h"
 #include "camera/camera_pipe.h"
 #include "camera/ptz_requests.h"
 #include "common/hal_usart.h"
@@ -43,10 +44,6 @@
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
 #define LOGI(...) __android_log_print(ANDROID_LOG_INFO, LOG_TAG, __VA_ARGS__)
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)
-
-// Turns on the camera HID unit's file-transfer debug logs. Declared weak:
-// until that unit provides it, the "debug" test command sets only our level.
-extern "C" __attribute__((weak)) void setCamHidTransferFileDebug(int level);
 
 namespace {
 
@@ -115,8 +112,7 @@ void runTestCommand(const char *cmd)
         sendTestCommand(PTZ_CMD_SEND_USB_CHANNEL, 2);
     } else if (strcmp(cmd, "debug") == 0) {
         ptzHalSetDebugLevel(1);
-        if (setCamHidTransferFileDebug)
-            setCamHidTransferFileDebug(1);
+        setCamHidTransferFileDebug(1);
     } else if (strcmp(cmd, "nodebug") == 0) {
         ptzHalSetDebugLevel(0);
     } else if (strcmp(cmd, "ispenv") == 0) {

@@ -17,6 +17,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include <android/log.h>
 #include <cutils/properties.h>
 #include <hardware/hardware.h>
 
@@ -28,6 +29,7 @@ namespace {
 
 std::mutex gPrintMutex;                 // keeps console lines whole
 std::atomic<bool> gTraceOn{true};       // live trace printing
+std::atomic<bool> gLogsOn{false};       // the module's log lines
 std::atomic<long long> gLastTraffic{0}; // steady-clock ns of the last trace event
 
 constexpr const char *kDspSwitch = "persist.vendor.dsp.communication";
@@ -39,13 +41,20 @@ constexpr auto kSettleCap = std::chrono::milliseconds(3000);
 
 const char *const kDemo[] = {
     "set_volume 2 40",
+    "audio state",
     "get_volume 2",
     "set_mute 2 1",
     "get_mute 2",
+    "set_balance 75",
+    "set_soundMode 1",
     "set_volume 0 30",
-    "send_cmd_to_dsp VER_FULL=?",
+    "uac state",
+    "ptz temp 47",
+    "get_cam_current_temperature",
+    "ptz open",
     "dsp say MV=-9.00",
-    "dsp log",
+    "dspfs reboot",
+    "audio state",
 };
 
 long long nowNs()
@@ -64,6 +73,19 @@ void printEvent(const sim::TraceEvent &event)
     if (note.empty())
         note = sim::renderBytes(event.bytes.data(), event.bytes.size());
     consolePrint("  " + event.link + (event.toDevice ? " <- \"" : " -> \"") + note + "\"");
+}
+
+// The module's log lines, shown compactly when "logs on".
+void printLog(const struct __android_logger_data *data, const char *message)
+{
+    if (!gLogsOn.load(std::memory_order_relaxed))
+        return;
+    std::string text = message ? message : "";
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.pop_back();
+    static const char kLevels[] = "??VDIWEF";
+    const char level = data->priority >= 0 && data->priority < 8 ? kLevels[data->priority] : '?';
+    consolePrint(std::string("  log ") + (data->tag ? data->tag : "") + "/" + level + ": " + text);
 }
 
 // Waits until no traffic has crossed any link for kQuietGap (at most
@@ -125,7 +147,7 @@ void help(const ModelSet &models)
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
     consolePrint("console:");
-    consolePrint("  help | trace on|off | props | getprop <key> | setprop <key> <value>");
+    consolePrint("  help | trace on|off | logs on|off | props | getprop <key> | setprop <key> <value>");
     consolePrint("  sleep <ms> | quit");
 }
 
@@ -144,6 +166,8 @@ Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::st
         help(models);
     } else if (cmd == "trace" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
         gTraceOn.store(rest[0] == "on", std::memory_order_relaxed);
+    } else if (cmd == "logs" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
+        gLogsOn.store(rest[0] == "on", std::memory_order_relaxed);
     } else if (cmd == "props") {
         listProperties();
     } else if (cmd == "getprop" && rest.size() == 1) {
@@ -173,7 +197,7 @@ Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::st
 void usage()
 {
     std::printf("usage: avconsole [--script FILE] [--dsp 0|1] [--cam 0|1] [--prop KEY=VALUE]...\n"
-                "                 [--no-trace]\n"
+                "                 [--no-trace] [--logs]\n"
                 "Runs under umockdev-wrapper (scripts/run-board). Without a terminal and\n"
                 "without --script it plays a short demo and exits.\n");
 }
@@ -214,6 +238,8 @@ int main(int argc, char **argv)
                 return 2;
             }
             extraProps.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+        } else if (arg == "--logs") {
+            gLogsOn.store(true);
         } else if (arg == "--no-trace") {
             gTraceOn.store(false);
         } else if (arg == "--help" || arg == "-h") {
@@ -229,6 +255,8 @@ int main(int argc, char **argv)
     {
         sim::Board board;
         board.trace().setListener(printEvent);
+        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+        __android_log_set_logger(printLog);
         ModelSet models;
         buildModels(board, models);
         if (camSwitch.empty())
@@ -297,6 +325,8 @@ int main(int argc, char **argv)
         consolePrint("> hal_release");
         consolePrint("= " + std::to_string(hal->hal_release()));
         settle();
+        // The camera link outlives release by design; its lines stop here.
+        gLogsOn.store(false, std::memory_order_relaxed);
         board.trace().setListener(nullptr);
     }
     return status;

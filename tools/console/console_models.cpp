@@ -128,9 +128,39 @@ bool dspFileCommands(sim::DspFileStore &files, const Args &args)
         files.reboot();
         return true;
     }
+    if (args.size() == 1 && args[0] == "forget") {
+        // A DSP without its configuration copy: the next restore sends the
+        // whole bundle.
+        files.removeFile(sim::kDspConfigPath);
+        files.reboot();
+        return true;
+    }
     if (args.size() == 1 && args[0] == "log") {
         for (const auto &command : files.fileCommands())
             consolePrint("  " + command);
+        return true;
+    }
+    if (args.size() == 1 && args[0] == "files") {
+        const auto copy = files.file(sim::kDspConfigPath);
+        if (copy)
+            consolePrint(std::string(sim::kDspConfigPath) + " " + std::to_string(copy->size()) + " bytes, md5 " +
+                         sim::dspMd5Hex(*copy));
+        else
+            consolePrint(std::string(sim::kDspConfigPath) + " absent");
+        return true;
+    }
+    long value = 0;
+    bool on = false;
+    if (args.size() == 3 && args[0] == "fault" && args[1] == "reject" && parseInt(args[2], &value) && value >= 0) {
+        files.rejectChunkAt(static_cast<uint32_t>(value));
+        return true;
+    }
+    if (args.size() == 3 && args[0] == "fault" && args[1] == "repeat" && onOff(args, 2, &on)) {
+        files.setRepeatOffset(on);
+        return true;
+    }
+    if (args.size() == 3 && args[0] == "fault" && args[1] == "silent" && onOff(args, 2, &on)) {
+        files.setSilent(on);
         return true;
     }
     return false;
@@ -181,37 +211,131 @@ bool uacCommands(sim::UacMixer &mixer, const Args &args)
     return false;
 }
 
+// Parses args[from..] as bytes 0..255.
+bool parseBytes(const Args &args, size_t from, std::vector<uint8_t> *bytes)
+{
+    long v = 0;
+    for (size_t i = from; i < args.size(); ++i) {
+        if (!parseInt(args[i], &v) || v < 0 || v > 255)
+            return false;
+        bytes->push_back(static_cast<uint8_t>(v));
+    }
+    return true;
+}
+
 bool ptzCommands(sim::PtzCameraModel &ptz, const Args &args)
 {
-    long a = 0;
-    long b = 0;
-    if (args.size() == 1 && args[0] == "open") {
+    if (args.empty())
+        return false;
+    const std::string &sub = args[0];
+    std::vector<uint8_t> b;
+    const bool bytesOk = parseBytes(args, 1, &b);
+    // Notifications and questions the camera raises.
+    if (args.size() == 1 && sub == "open") {
         ptz.raiseOpen();
         return true;
     }
-    if (args.size() == 1 && args[0] == "close") {
+    if (args.size() == 1 && sub == "close") {
         ptz.raiseClose();
         return true;
     }
-    if (args.size() == 2 && args[0] == "temp" && parseInt(args[1], &a) && a >= 0 && a <= 255) {
-        ptz.setCurrentTemperature(static_cast<uint8_t>(a));
+    if (sub == "angle" && bytesOk && b.size() == 2) {
+        ptz.raiseAngleReport(b[0], b[1]);
         return true;
     }
-    if (args.size() == 3 && args[0] == "angle" && parseInt(args[1], &a) && parseInt(args[2], &b) &&
-        a >= 0 && a <= 255 && b >= 0 && b <= 255) {
-        ptz.raiseAngleReport(static_cast<uint8_t>(a), static_cast<uint8_t>(b));
+    if (sub == "doaset" && bytesOk && (b.size() == 1 || b.size() == 2)) {
+        ptz.raiseDoaStatusSet(b[0], b.size() == 2 ? b[1] : 1);
         return true;
     }
+    if (args.size() == 1 && sub == "askmodel") {
+        ptz.askProductModel();
+        return true;
+    }
+    if (args.size() == 1 && sub == "askdoa") {
+        ptz.askDoaStatus();
+        return true;
+    }
+    // What the camera answers next.
+    if (sub == "temp" && bytesOk && b.size() == 1) {
+        ptz.setCurrentTemperature(b[0]);
+        return true;
+    }
+    if (sub == "maxtemp" && bytesOk && b.size() == 1) {
+        ptz.setMaxTemperature(b[0]);
+        return true;
+    }
+    if (sub == "funclist" && bytesOk) {
+        ptz.setFunclist(b);
+        return true;
+    }
+    if (sub == "autotest" && bytesOk) {
+        ptz.setAutotestBytes(b);
+        return true;
+    }
+    if (sub == "blackscreen" && bytesOk && b.size() == 2) {
+        ptz.setSupportBlackScreen(b[0]);
+        ptz.setAutoBlackScreen(b[1]);
+        return true;
+    }
+    if (sub == "eptz" && bytesOk && b.size() == 2) {
+        ptz.setElectronicPtzStatus(b[0]);
+        ptz.setElectronicPtzMode(b[1]);
+        return true;
+    }
+    long first = 0;
+    long second = 0;
+    long third = 0;
+    if (sub == "isp" && args.size() == 4 && parseInt(args[1], &first) && parseInt(args[2], &second) &&
+        parseInt(args[3], &third) && first >= 0 && first <= 255) {
+        ptz.setIspEnv(static_cast<uint8_t>(first), static_cast<uint32_t>(second), static_cast<uint32_t>(third));
+        return true;
+    }
+    // Faults.
     bool on = false;
-    if (args.size() == 2 && args[0] == "silent" && onOff(args, 1, &on)) {
+    if (args.size() == 2 && sub == "silent" && onOff(args, 1, &on)) {
         ptz.setSilent(on);
         return true;
     }
-    if (args.size() == 1 && args[0] == "frames") {
+    if (args.size() == 3 && sub == "fault" && onOff(args, 2, &on)) {
+        if (args[1] == "checksum")
+            ptz.setBadChecksum(on);
+        else if (args[1] == "len57")
+            ptz.setLength57(on);
+        else if (args[1] == "split")
+            ptz.setSplitFrames(on);
+        else
+            return false;
+        return true;
+    }
+    long ms = 0;
+    if (args.size() == 2 && sub == "delay" && parseInt(args[1], &ms) && ms >= 0) {
+        ptz.setReplyDelay(std::chrono::milliseconds(ms));
+        return true;
+    }
+    // What the camera has seen.
+    if (args.size() == 1 && sub == "frames") {
         consolePrint("ptz received " + std::to_string(ptz.frameCount()) + " frame(s)");
         return true;
     }
+    if (args.size() == 1 && sub == "state") {
+        const auto model = ptz.modelAnswer();
+        consolePrint("usb channel " + std::to_string(ptz.usbChannel()) + ", autotest " +
+                     std::to_string(ptz.autotestMode()) + ", smart-listen report " +
+                     std::to_string(ptz.smartListenReport()) + ", auto black screen " +
+                     std::to_string(ptz.autoBlackScreen()) + ", electronic ptz " +
+                     std::to_string(ptz.electronicPtzStatus()) + "/" + std::to_string(ptz.electronicPtzMode()) +
+                     ", factory resets " + std::to_string(ptz.factoryResets()) + ", model answer \"" +
+                     (model ? *model : std::string("-")) + "\", doa answer " + std::to_string(ptz.doaStatusAnswer()));
+        return true;
+    }
     return false;
+}
+
+std::string hex2(unsigned value)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "%02x", value & 0xFFu);
+    return text;
 }
 
 bool ampCommands(sim::AmpModel &amp, const Args &args)
@@ -228,6 +352,17 @@ bool ampCommands(sim::AmpModel &amp, const Args &args)
         }
         return true;
     }
+    long n = 0;
+    if (args.size() == 1 && args[0] == "log") {
+        for (const auto &access : amp.accesses())
+            consolePrint(std::string("  ") + (access.write ? "write" : "read ") + " 0x" + hex2(access.addr) +
+                         " reg 0x" + hex2(access.reg) + " = 0x" + hex2(access.value) + (access.acked ? "" : " (refused)"));
+        return true;
+    }
+    if (args.size() == 2 && args[0] == "fail" && parseInt(args[1], &n) && n >= 0) {
+        amp.failEvery(static_cast<unsigned>(n));
+        return true;
+    }
     if (args.size() == 2 && args[0] == "fitting") {
         if (args[1] == "acm8625")
             amp.setFitting(sim::AmpFitting::Acm8625);
@@ -242,22 +377,41 @@ bool ampCommands(sim::AmpModel &amp, const Args &args)
     return false;
 }
 
+// The made-up amplifier tuning files and stereo-enhancer ini, from their
+// one generator.
+void installTuningFiles(sim::Board &board)
+{
+    const std::string cmd = std::string("python3 '") + AVM_SOURCE_DIR + "/scripts/gen-tuning-files' '" + board.root() + "'";
+    if (std::system(cmd.c_str()) != 0)
+        consolePrint("cannot install the tuning files: " + cmd);
+}
+
 } // namespace
 
 void buildModels(sim::Board &board, ModelSet &models)
 {
     auto &dsp = models.add("dsp", std::make_unique<sim::DspModel>(board), ModelSet::Commands<sim::DspModel>(dspCommands),
                            "dsp say <text> | log | clear | silent on|off | garbage on|off | rate <baud>");
-    models.add("dspfs", std::make_unique<sim::DspFileStore>(dsp), ModelSet::Commands<sim::DspFileStore>(dspFileCommands),
-               "dspfs reboot | log");
-    models.add("audio", std::make_unique<sim::DspAudio>(dsp), ModelSet::Commands<sim::DspAudio>(dspAudioCommands),
-               "audio version <text> | doa <angle> | state");
+    auto &audio = models.add("audio", std::make_unique<sim::DspAudio>(dsp),
+                             ModelSet::Commands<sim::DspAudio>(dspAudioCommands),
+                             "audio version <text> | doa <angle> | state");
+    auto &files = models.add("dspfs", std::make_unique<sim::DspFileStore>(dsp),
+                             ModelSet::Commands<sim::DspFileStore>(dspFileCommands),
+                             "dspfs reboot | forget | files | log | fault reject <offset> | fault repeat|silent on|off");
+    // A DSP restart forgets every audio setting; the module restores them.
+    files.addRebootHook([&audio] { audio.forgetSettings(); });
+    sim::installConfigBundle(board);
     models.add("uac", std::make_unique<sim::UacMixer>(board), ModelSet::Commands<sim::UacMixer>(uacCommands),
                "uac state | volume <value> | calls");
     models.add("ptz", std::make_unique<sim::PtzCameraModel>(board), ModelSet::Commands<sim::PtzCameraModel>(ptzCommands),
-               "ptz open | close | temp <celsius> | angle <start> <end> | silent on|off | frames");
+               "ptz open | close | angle <start> <end> | doaset <status> [len] | askmodel | askdoa | temp <c> | "
+               "maxtemp <c> | funclist <bytes> | autotest <bytes> | blackscreen <support> <auto> | "
+               "eptz <status> <mode> | isp <first> <second> <third> | silent on|off | "
+               "fault checksum|len57|split on|off | delay <ms> | frames | state");
     models.add("amp", std::make_unique<sim::AmpModel>(board, sim::AmpFitting::Acm8625),
-               ModelSet::Commands<sim::AmpModel>(ampCommands), "amp state | fitting acm8625|ad82120|none");
+               ModelSet::Commands<sim::AmpModel>(ampCommands),
+               "amp state | log | fail <n> | fitting acm8625|ad82120|none");
+    installTuningFiles(board);
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }
