@@ -27,6 +27,7 @@
 
 #include "avmanager_hal.h"
 #include "dsp/dsp_link.h"
+#include "dsp/dsp_properties.h"
 #include "dsp/dsp_replies.h"
 #include "dsp/dsp_reply_wait.h"
 #include "dsp/uac_mixer.h"
@@ -69,11 +70,6 @@ constexpr unsigned kUserSoundMode = 4; // tone settings persist only in this mod
 constexpr int kPresetToneValue = 30;   // tone answer in the preset modes
 constexpr useconds_t kBalanceGapUs = 3000;
 
-constexpr const char *kVolumeProperty = "persist.zel.dsp.volumeVal";
-constexpr const char *kBalanceProperty = "persist.zel.dsp.balanceVal";
-constexpr const char *kTrebleProperty = "persist.zel.dsp.trebleVal";
-constexpr const char *kBassProperty = "persist.zel.dsp.bassVal";
-constexpr const char *kSoundModeProperty = "persist.zel.dsp.soundMode";
 
 // An unset property reads as 0.
 int readIntProperty(const char *key)
@@ -118,7 +114,7 @@ int setTone(unsigned value, const char *format, const char *property, const char
         return 0;
     int gain = static_cast<int>(value / 5) - 10;
     int posted = dspPostf(DSP_CMD_EQ, format, static_cast<double>(gain));
-    if (readIntProperty(kSoundModeProperty) == static_cast<int>(kUserSoundMode)) {
+    if (readIntProperty(kDspSoundModeProperty) == static_cast<int>(kUserSoundMode)) {
         char text[PROPERTY_VALUE_MAX];
         writeIntProperty(property, value, text);
     }
@@ -129,7 +125,7 @@ int setTone(unsigned value, const char *format, const char *property, const char
 // In the preset modes the tone controls report a fixed 30.
 int getTone(const char *property)
 {
-    if (readIntProperty(kSoundModeProperty) < static_cast<int>(kUserSoundMode))
+    if (readIntProperty(kDspSoundModeProperty) < static_cast<int>(kUserSoundMode))
         return kPresetToneValue;
     return readIntProperty(property);
 }
@@ -243,7 +239,7 @@ int dspHal_set_volume(int channel, unsigned vol)
         break;
     }
     char text[PROPERTY_VALUE_MAX];
-    writeIntProperty(kVolumeProperty, vol, text);
+    writeIntProperty(kDspVolumeProperty, vol, text);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_set_volume value %s", text);
     return result > 0 ? 1 : 0;
 }
@@ -251,7 +247,7 @@ int dspHal_set_volume(int channel, unsigned vol)
 int dspHal_get_volume(int channel)
 {
     // The stored index answers; the DSP is not asked.
-    int value = readIntProperty(kVolumeProperty);
+    int value = readIntProperty(kDspVolumeProperty);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_get_volume value %d", value);
     return value;
 }
@@ -317,27 +313,27 @@ int dspHal_set_balance(unsigned balance)
     usleep(kBalanceGapUs);
     int posted = dspPostf(DSP_CMD_BALANCE, "BAL_RIGHT=%.2f", static_cast<double>(right));
     char text[PROPERTY_VALUE_MAX];
-    writeIntProperty(kBalanceProperty, balance, text);
+    writeIntProperty(kDspBalanceProperty, balance, text);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_set_balance value %s", text);
     return posted > 0 ? 1 : 0;
 }
 
 int dspHal_get_balance(void)
 {
-    int value = readIntProperty(kBalanceProperty);
+    int value = readIntProperty(kDspBalanceProperty);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_get_balance %d", value);
     return value;
 }
 
 int dspHal_set_treble(unsigned value)
 {
-    return setTone(value, "USER_EQ[6]=6,6000,%.4f,0.7070", kTrebleProperty,
+    return setTone(value, "USER_EQ[6]=6,6000,%.4f,0.7070", kDspTrebleProperty,
                    "dspHal_set_treble value %d");
 }
 
 int dspHal_get_treble(void)
 {
-    int value = getTone(kTrebleProperty);
+    int value = getTone(kDspTrebleProperty);
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "dspHal_get_treble value %d ", value);
     return value;
 }
@@ -346,13 +342,13 @@ int dspHal_set_bass(unsigned value)
 {
     // Bass is band 7 with the treble's own filter type and 6000 Hz corner;
     // the DSP tuning expects exactly this line.
-    return setTone(value, "USER_EQ[7]=6,6000,%.4f,0.7070", kBassProperty,
+    return setTone(value, "USER_EQ[7]=6,6000,%.4f,0.7070", kDspBassProperty,
                    "dspHal_set_bass value %d");
 }
 
 int dspHal_get_bass(void)
 {
-    int value = getTone(kBassProperty);
+    int value = getTone(kDspBassProperty);
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_get_bass value %d ", value);
     return value;
 }

@@ -20,6 +20,7 @@
 #include <cstring>
 
 #include "dsp/dsp_link.h"
+#include "dsp/dsp_properties.h"
 #include "dsp/dsp_replies.h"
 #include "dsp/dsp_reply_wait.h"
 
@@ -27,7 +28,6 @@
 
 namespace {
 
-constexpr const char *kAudioOutModeProperty = "persist.zel.dsp.audioOutMode";
 constexpr size_t kRouteNameCopySize = 256;
 
 // Route names by index: the values of the property, the command and the reply.
@@ -79,7 +79,7 @@ int dspHal_set_audioMode(const char *name)
     if (posted >= 1) {
         char stored[kRouteNameCopySize] = {};
         strncpy(stored, name, sizeof stored - 1);
-        property_set(kAudioOutModeProperty, stored);
+        property_set(kDspAudioOutModeProperty, stored);
         result = 1;
     }
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "dspHal_set_audioOutMode mode %s", name);
@@ -92,7 +92,7 @@ int dspHal_get_audioMode(void)
     // property answers whether or not the DSP replied in time.
     dspReplyWait(audioOutModeReplied, DSP_CMD_FREE_TEXT, "AOM=?", kDspRouteWait);
     char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kAudioOutModeProperty, value, kRouteNames[AUDIO_OUT_SPEAKER]);
+    property_get(kDspAudioOutModeProperty, value, kRouteNames[AUDIO_OUT_SPEAKER]);
     for (size_t i = 0; i < sizeof kRouteNames / sizeof kRouteNames[0]; ++i) {
         if (strcmp(value, kRouteNames[i]) == 0)
             return static_cast<int>(i);

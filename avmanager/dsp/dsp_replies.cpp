@@ -29,6 +29,7 @@
 #include <string_view>
 
 #include "camera/camera_pipe.h"
+#include "dsp/dsp_properties.h"
 #include "module/feature_switches.h"
 
 #define LOG_TAG "DSP"
@@ -54,9 +55,6 @@ constexpr float kMinDb = -65.0f; // silent
 constexpr float kMaxDb = 0.0f;   // full scale
 constexpr size_t kHotPlugWorkSize = 25;   // the hot-plug token work buffer
 constexpr size_t kVersionCopySize = 512;  // bound of the version text copy
-constexpr const char *kVersionProperty = "persist.sys.dune.version";
-constexpr const char *kUpdateProperty = "persist.sys.dune.update";
-constexpr const char *kAudioOutModeProperty = "persist.zel.dsp.audioOutMode";
 
 // The text after a prefix of n characters; a text shorter than the prefix
 // has an empty remainder rather than a pointer past its end.
@@ -276,7 +274,7 @@ int dsp_parse_audio_out_mode(const char *value)
     if (value == nullptr)
         return 0;
     // The route is stored as the DSP sent it; a failed write goes unnoticed.
-    property_set(kAudioOutModeProperty, value);
+    property_set(kDspAudioOutModeProperty, value);
     audioOutModeReplied.store(1, std::memory_order_release);
     return 1;
 }
@@ -289,8 +287,8 @@ void dsp_fullVersion_update(const char *text)
     strncpy(version, afterPrefix(text, 9), sizeof version - 1);
     // A version longer than a property value makes this write fail; the
     // version property then keeps its old value, silently.
-    property_set(kVersionProperty, version);
-    property_set(kUpdateProperty, "0");
+    property_set(kDspVersionProperty, version);
+    property_set(kDspUpdateProperty, "0");
     __android_log_print(ANDROID_LOG_ERROR, DETECT_TAG, "dsp_fullVersion_update %s", version);
 }
 

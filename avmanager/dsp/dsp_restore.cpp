@@ -22,6 +22,8 @@
 #include "dsp/config_upgrade.h"
 #include "dsp/dsp_audio.h"
 #include "dsp/dsp_link.h"
+#include "dsp/dsp_properties.h"
+#include "dsp/dsp_replies.h"
 #include "dsp/dsp_sound_modes.h"
 
 #define TAG "DSP"
@@ -43,7 +45,7 @@ int restoreNumber(const char *key, const char *logFormat, int (*apply)(int value
     int ret = -1;
     if (value[0] != '\0') {
         // Not validated: "abc" restores 0.
-        number = atoi(value);
+        number = dspParseInt(value); // atoi without its overflow
         ret = apply(number);
     }
     LOGI(logFormat, number, ret);
@@ -88,7 +90,7 @@ extern "C" {
 
 int initDspSoundMode(void)
 {
-    return restoreNumber("persist.zel.dsp.soundMode", "initDspSoundMode %d ret %d", applySoundMode);
+    return restoreNumber(kDspSoundModeProperty, "initDspSoundMode %d ret %d", applySoundMode);
 }
 
 int initDspMute(void)
@@ -103,31 +105,31 @@ int initDspMute(void)
 
 int initDspVolume(void)
 {
-    return restoreNumber("persist.zel.dsp.volumeVal", "initDspVolume %d ret %d", applyVolume);
+    return restoreNumber(kDspVolumeProperty, "initDspVolume %d ret %d", applyVolume);
 }
 
 int initDspBalance(void)
 {
-    return restoreNumber("persist.zel.dsp.balanceVal", "initDspBalance %d ret %d", applyBalance);
+    return restoreNumber(kDspBalanceProperty, "initDspBalance %d ret %d", applyBalance);
 }
 
 int initDspTreble(void)
 {
-    return restoreNumber("persist.zel.dsp.trebleVal", "initDspTreble %d ret %d", applyTreble);
+    return restoreNumber(kDspTrebleProperty, "initDspTreble %d ret %d", applyTreble);
 }
 
 int initDspBass(void)
 {
-    return restoreNumber("persist.zel.dsp.bassVal", "initDspBass %d ret %d", applyBass);
+    return restoreNumber(kDspBassProperty, "initDspBass %d ret %d", applyBass);
 }
 
 int initDspSpkEqMode(void)
 {
     char value[PROPERTY_VALUE_MAX];
     memset(value, 0, sizeof(value));
-    property_get("persist.zel.dsp.spkEqMode", value, "FOOT");
+    property_get(kDspSpkEqModeProperty, value, kDspSpkEqFloor);
     // Only the exact upper-case "WALL" selects the wall mode.
-    int mode = strcmp(value, "WALL") == 0 ? 1 : 0;
+    int mode = strcmp(value, kDspSpkEqWall) == 0 ? 1 : 0;
     return dspHal_set_spk_eq_mode(mode) != 0 ? 1 : -1;
 }
 
@@ -164,7 +166,7 @@ int dspHalInitParameter(void)
 
 int updateVersoinInfo(void)
 {
-    return property_set("persist.sys.dune.update", "1");
+    return property_set(kDspUpdateProperty, "1");
 }
 
 } // extern "C"

@@ -29,15 +29,13 @@
 #include "amp/amp_program.h"
 #include "amp/amp_tuning.h"
 #include "dsp/dsp_link.h"
+#include "dsp/dsp_properties.h"
+#include "dsp/dsp_replies.h"
 #include "module/feature_switches.h"
 
 namespace {
 
 constexpr const char *TAG = "DSP";
-constexpr const char *kSoundModeProperty = "persist.zel.dsp.soundMode";
-constexpr const char *kSpkEqModeProperty = "persist.zel.dsp.spkEqMode";
-constexpr const char *kFoot = "FOOT";
-constexpr const char *kWall = "WALL";
 constexpr const char *kIniLoadError = "%s, INI load file (%s) error!\n";
 constexpr const char *kIniResult = "%s, result(%s) \n";
 constexpr int kBands = 8;
@@ -93,7 +91,7 @@ const char *printable(const char *text)
 // Decimal value of an ini text; no text (missing file or key) counts as 0.
 int decimalValue(const char *text)
 {
-    return text != nullptr ? atoi(text) : 0;
+    return text != nullptr ? dspParseInt(text) : 0;
 }
 
 // Reads one user-band frequency: one load of the ini per call.
@@ -165,7 +163,7 @@ int dspHal_set_soundMode(int mode)
     g_soundMode.store(mode, std::memory_order_relaxed);
     char text[PROPERTY_VALUE_MAX];
     snprintf(text, sizeof text, "%d", mode);
-    property_set(kSoundModeProperty, text);
+    property_set(kDspSoundModeProperty, text);
     // The setter logs with the getter's wording.
     __android_log_print(ANDROID_LOG_INFO, TAG, "dspHal_get_soundMode mode %s", text);
     // Only the last line's result counts.
@@ -175,8 +173,8 @@ int dspHal_set_soundMode(int mode)
 int dspHal_get_soundMode(void)
 {
     char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kSoundModeProperty, value, "");
-    int mode = atoi(value);
+    property_get(kDspSoundModeProperty, value, "");
+    int mode = dspParseInt(value);
     g_soundMode.store(mode, std::memory_order_relaxed);
     __android_log_print(ANDROID_LOG_INFO, TAG, "dspHal_get_soundMode g_soundMode %d", mode);
     return mode;
@@ -239,9 +237,9 @@ int dspHal_set_spk_eq_mode(int mode)
 
     const char *text;
     if (mode == AMP_FORMAT_WALL)
-        text = kWall;
+        text = kDspSpkEqWall;
     else if (mode == AMP_FORMAT_FLOOR)
-        text = kFoot;
+        text = kDspSpkEqFloor;
     else
         return 0;
 
@@ -254,7 +252,7 @@ int dspHal_set_spk_eq_mode(int mode)
     snprintf(line, sizeof line, "SPK_EQ_MODE=%s", text);
     int ret = dsp_post(DSP_CMD_FREE_TEXT, line);
     if (ret >= 1)
-        property_set(kSpkEqModeProperty, text);
+        property_set(kDspSpkEqModeProperty, text);
     __android_log_print(ANDROID_LOG_INFO, TAG, "dspHal_set_spkEqMode mode %s", text);
     return ret > 0 ? 1 : 0;
 }
@@ -262,10 +260,10 @@ int dspHal_set_spk_eq_mode(int mode)
 int dspHal_get_spk_eq_mode(void)
 {
     char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kSpkEqModeProperty, value, kFoot);
-    if (strcmp(value, kFoot) == 0)
+    property_get(kDspSpkEqModeProperty, value, kDspSpkEqFloor);
+    if (strcmp(value, kDspSpkEqFloor) == 0)
         return 0;
-    if (strcmp(value, kWall) == 0)
+    if (strcmp(value, kDspSpkEqWall) == 0)
         return 1;
     return 0;
 }
