@@ -4,7 +4,7 @@
 PRESET ?= default
 JOBS ?= 2
 
-.PHONY: all deps build run test test-default test-asan test-tsan clean
+.PHONY: all deps build run test test-default test-asan test-tsan bench clean
 
 all: build
 
@@ -39,6 +39,10 @@ test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan -j$(JOBS)
+
+# Performance figures (speed lives here, never in tests).
+bench: build
+	scripts/run-bench build/$(PRESET)
 
 clean:
 	rm -rf build
