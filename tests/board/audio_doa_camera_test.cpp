@@ -14,7 +14,9 @@
 #include "camera/ptz_link.h"
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_replies.h"
+#include "dsp_on_board.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_model.h"
@@ -28,7 +30,7 @@ constexpr auto kWire = 5s;
 constexpr uint8_t kDoaMain = 0x21; // the camera's DOA frame
 constexpr uint8_t kDoaSub = 0x00;
 
-class AudioDoaToCamera : public ::testing::Test {
+class AudioDoaToCamera : public ::testing::Test, protected avmtest::DspOnBoard {
 protected:
     void start(const char *doaSwitch, const char *cameraSwitch)
     {
@@ -58,18 +60,8 @@ protected:
             joined = true;
             waker.join();
         }
-        if (!dspUp)
-            return;
-        std::atomic<bool> done{false};
-        std::thread release([&] {
-            dsp_process_deinit();
-            done = true;
-        });
-        while (!done) {
-            dsp.send("\n"); // ends the receive thread's wait at once
-            std::this_thread::sleep_for(150ms);
-        }
-        release.join();
+        if (dspUp)
+            avmtest::stopDspLink(&dsp);
     }
 
     // Raises a report, then a harmless reply; once that one is handled the
@@ -83,10 +75,6 @@ protected:
         ASSERT_TRUE(sim::waitUntil([] { return mainMuteReplied.load() == 1; }, kWire));
     }
 
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
     sim::PtzCameraModel camera{board};
     bool cameraUp = false;
     bool dspUp = false;

@@ -7,10 +7,8 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <hardware/hardware.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -24,7 +22,10 @@
 #include "dsp/dsp_pickup.h"
 #include "dsp/dsp_replies.h"
 #include "dsp/uac_mixer.h"
+#include "dsp_commands.h"
+#include "dsp_on_board.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_model.h"
@@ -37,12 +38,8 @@ namespace {
 
 constexpr auto kWire = 5s; // generous: a busy 2-core machine
 
-std::string prop(const char *key)
-{
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(key, value, "");
-    return value;
-}
+using avmtest::msSince;
+using avmtest::prop;
 
 // The model applies a command just after recording it.
 bool applied(const std::function<bool()> &pred)
@@ -50,45 +47,21 @@ bool applied(const std::function<bool()> &pred)
     return sim::waitUntil(pred, kWire);
 }
 
-long long msSince(Clock::time_point start)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
 // The module on a board with the DSP and its audio feature; the USB mixer
 // is present unless a test says otherwise.
-class AudioBoard : public ::testing::Test {
+class AudioBoard : public ::testing::Test, protected avmtest::DspOnBoard {
 protected:
     void startModule()
     {
         property_set("persist.vendor.dsp.communication", "1");
-        const hw_module_t *module = nullptr;
-        ASSERT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-        hmi = reinterpret_cast<const avmanager_module_t *>(module);
-        ASSERT_GE(hmi->hal_init(), 0);
-        up = true;
+        up = avmtest::startModule(hmi);
+        ASSERT_TRUE(up);
     }
 
     void TearDown() override
     {
-        if (!up)
-            return;
-        // Release waits for the receive thread's 5 s select; a byte now and
-        // then from the DSP lets it see the link going down at once. The
-        // gap is above the port's 0.1 s inter-byte time, so each byte ends
-        // a read.
-        dsp.setSilent(false);
-        dsp.setGarbage(false);
-        std::atomic<bool> done{false};
-        std::thread release([&] {
-            hmi->hal_release();
-            done = true;
-        });
-        while (!done) {
-            dsp.send("\n");
-            std::this_thread::sleep_for(150ms);
-        }
-        release.join();
+        if (up)
+            avmtest::releaseModule(hmi, &dsp);
     }
 
     // Everything the module posted before this point has reached the DSP
@@ -99,19 +72,8 @@ protected:
         ASSERT_TRUE(dsp.waitForCommand("MARK", kWire));
     }
 
-    std::vector<std::string> wire()
-    {
-        std::vector<std::string> out;
-        for (const auto &c : dsp.commands())
-            if (c != "MARK")
-                out.push_back(c);
-        return out;
-    }
+    std::vector<std::string> wire() { return avmtest::without(dsp.commands(), "MARK"); }
 
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
     const avmanager_module_t *hmi = nullptr;
     bool up = false;
 };

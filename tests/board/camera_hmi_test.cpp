@@ -6,11 +6,8 @@
 
 #include <android/log.h>
 #include <cutils/properties.h>
-#include <hardware/hardware.h>
 
-#include <atomic>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +15,9 @@
 #include "avmanager_hal.h"
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
+#include "dsp_on_board.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_model.h"
@@ -30,23 +29,9 @@ namespace {
 
 constexpr auto kWire = 5s; // generous: a busy 2-core machine
 
-std::mutex gCallbackMutex;
-std::vector<int> gCallbackCalls;
-int recordCallback(int status)
-{
-    std::lock_guard<std::mutex> lock(gCallbackMutex);
-    gCallbackCalls.push_back(status);
-    return 0;
-}
-std::vector<int> callbackCalls()
-{
-    std::lock_guard<std::mutex> lock(gCallbackMutex);
-    return gCallbackCalls;
-}
-
 // The module with camera and DSP communication on, DOA forwarding on
 // unless a test changes the switches before startModule().
-class CameraBoard : public ::testing::Test {
+class CameraBoard : public ::testing::Test, protected avmtest::DspOnBoard {
 protected:
     void SetUp() override
     {
@@ -57,30 +42,15 @@ protected:
 
     void startModule()
     {
-        const hw_module_t *module = nullptr;
-        ASSERT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-        hmi = reinterpret_cast<const avmanager_module_t *>(module);
-        ASSERT_GE(hmi->hal_init(), 0);
-        up = true;
+        up = avmtest::startModule(hmi);
+        ASSERT_TRUE(up);
     }
 
     void TearDown() override
     {
         if (!up)
             return;
-        // Release waits for the DSP receive thread's select; a byte now and
-        // then from the DSP lets it see the link going down at once.
-        dsp.setSilent(false);
-        std::atomic<bool> done{false};
-        std::thread release([&] {
-            hmi->hal_release();
-            done = true;
-        });
-        while (!done) {
-            dsp.send("\n");
-            std::this_thread::sleep_for(150ms);
-        }
-        release.join();
+        avmtest::releaseModule(hmi, &dsp);
         // The PTZ link outlives release; stop it so its threads end.
         camera_ptzHal_deinit();
     }
@@ -95,10 +65,6 @@ protected:
         return n;
     }
 
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
     sim::PtzCameraModel camera{board};
     const avmanager_module_t *hmi = nullptr;
     bool up = false;
@@ -213,20 +179,17 @@ TEST_F(CameraHmi, SmartListenStaticStopsReportsAndFixesTheSector)
 TEST_F(CameraHmi, CameraOpenWithDejitterZoomsTheDspAndCallsBack)
 {
     property_set("persist.vendor.cam.dejitter", "true");
-    {
-        std::lock_guard<std::mutex> lock(gCallbackMutex);
-        gCallbackCalls.clear();
-    }
-    hmi->set_camera_status_callback(hmi, recordCallback);
+    avmtest::clearRecordedStatuses();
+    hmi->set_camera_status_callback(hmi, avmtest::recordStatus);
     camera.raiseOpen();
     ASSERT_TRUE(dspGot("ZOOM_MODE=1"));
-    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 1; }, kWire));
-    EXPECT_EQ(callbackCalls(), std::vector<int>{1});
+    ASSERT_TRUE(sim::waitUntil([] { return avmtest::recordedStatuses().size() == 1; }, kWire));
+    EXPECT_EQ(avmtest::recordedStatuses(), std::vector<int>{1});
     EXPECT_TRUE(camera.waitForFrames(0x20, 0x01, 1, kWire));
     camera.raiseClose();
     ASSERT_TRUE(dspGot("ZOOM_MODE=0"));
-    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 2; }, kWire));
-    EXPECT_EQ(callbackCalls(), (std::vector<int>{1, 0}));
+    ASSERT_TRUE(sim::waitUntil([] { return avmtest::recordedStatuses().size() == 2; }, kWire));
+    EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
 }
 
 TEST_F(CameraHmi, CameraOpenWithoutDejitterLeavesTheZoomAlone)
@@ -243,13 +206,10 @@ TEST_F(CameraBoard, StatusCallbackWithCameraOffRegistersNothing)
 {
     property_set("persist.vendor.cam.communication", "0");
     startModule();
-    {
-        std::lock_guard<std::mutex> lock(gCallbackMutex);
-        gCallbackCalls.clear();
-    }
-    hmi->set_camera_status_callback(hmi, recordCallback);
+    avmtest::clearRecordedStatuses();
+    hmi->set_camera_status_callback(hmi, avmtest::recordStatus);
     ptz_test_camera_status_callback();
-    EXPECT_TRUE(callbackCalls().empty());
+    EXPECT_TRUE(avmtest::recordedStatuses().empty());
 }
 
 // ------------------------------------------------------ slot round trips

@@ -19,7 +19,10 @@
 #include "dsp/config_upgrade.h"
 #include "dsp/dsp_link.h"
 #include "dsp/file_transfer.h"
+#include "dsp_commands.h"
+#include "dsp_store_board.h"
 #include "log_capture.h"
+#include "md5sum.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_file_store.h"
@@ -31,41 +34,9 @@ namespace {
 
 const std::string kDspFile = "/data/misc/AllConfigs.bin";
 
-// md5sum of bytes, through a file: an MD5 computed outside the module and
-// outside the DSP model.
-std::string md5sumOf(const std::string &bytes, const std::string &dir)
-{
-    std::string path = dir + "/md5sum-input.bin";
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << bytes;
-    }
-    std::string cmd = "md5sum '" + path + "'";
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p)
-        return "";
-    char buf[128] = {};
-    size_t n = fread(buf, 1, sizeof(buf) - 1, p);
-    pclose(p);
-    return std::string(buf, n < 32 ? n : 32);
-}
-
-std::vector<std::string> withPrefix(const std::vector<std::string> &commands, const std::string &prefix)
-{
-    std::vector<std::string> out;
-    for (const auto &c : commands)
-        if (c.rfind(prefix, 0) == 0)
-            out.push_back(c);
-    return out;
-}
-
-long indexOf(const std::vector<std::string> &v, const std::string &prefix, size_t from = 0)
-{
-    for (size_t i = from; i < v.size(); ++i)
-        if (v[i].rfind(prefix, 0) == 0)
-            return static_cast<long>(i);
-    return -1;
-}
+using avmtest::indexOf;
+using avmtest::md5sumOfBytes;
+using avmtest::withPrefix;
 
 // The commands up to and including the first FWEND.
 std::vector<std::string> firstTransfer(const std::vector<std::string> &cmds)
@@ -85,47 +56,8 @@ std::vector<std::string> expectedChunkHeads(size_t size)
     return out;
 }
 
-class ConfigUpgrade : public ::testing::Test {
+class ConfigUpgrade : public avmtest::DspStoreBoard {
 protected:
-    void SetUp() override {}
-
-    void startLink()
-    {
-        ASSERT_EQ(dsp_process_init(), 0);
-        linkUp = true;
-    }
-
-    void TearDown() override
-    {
-        if (HasFailure()) {
-            // What crossed the line and what the module said, for the report.
-            for (const auto &c : dsp.commands())
-                std::fprintf(stderr, "  to DSP: %.100s\n", c.c_str());
-            for (const auto &l : log.lines())
-                std::fprintf(stderr, "  log %s/%d: %.100s\n", l.tag.c_str(), l.priority, l.text.c_str());
-        }
-        if (linkUp) {
-            settle();
-            dsp_process_deinit();
-        }
-    }
-
-    // Lets a restore still in flight finish before the link goes down: the
-    // line has been quiet for longer than one request's poll window.
-    void settle()
-    {
-        size_t seen = dsp.commandCount();
-        auto quietSince = sim::Clock::now();
-        const auto deadline = quietSince + 40s;
-        while (sim::Clock::now() < deadline && sim::Clock::now() - quietSince < 1500ms) {
-            usleep(50 * 1000);
-            if (dsp.commandCount() != seen) {
-                seen = dsp.commandCount();
-                quietSince = sim::Clock::now();
-            }
-        }
-    }
-
     // The first pass of an announcement upgraded the configuration.
     bool waitForUpgrade(std::chrono::milliseconds timeout)
     {
@@ -136,20 +68,8 @@ protected:
     // with the speaker-equaliser step.
     bool waitForRestoreEnd(int passesWithRestore, std::chrono::milliseconds timeout)
     {
-        return sim::waitUntil(
-            [&] {
-                return withPrefix(dsp.commands(), "SPK_EQ_MODE=").size() >=
-                       static_cast<size_t>(passesWithRestore);
-            },
-            timeout);
+        return waitForSpeakerEq(static_cast<size_t>(passesWithRestore), timeout);
     }
-
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
-    sim::DspFileStore store{dsp};
-    bool linkUp = false;
 };
 
 } // namespace
@@ -164,8 +84,8 @@ TEST_F(ConfigUpgrade, MissingCopyGetsWholeBundleInOrderAndThatPassSkipsTheRestor
     ASSERT_TRUE(waitForRestoreEnd(1, 30s));
     ASSERT_TRUE(store.file(kDspFile).has_value());
     EXPECT_EQ(*store.file(kDspFile), bundle);
-    EXPECT_EQ(md5sumOf(*store.file(kDspFile), board.root()),
-              md5sumOf(board.readFile(sim::kConfigBundlePath), board.root()));
+    EXPECT_EQ(md5sumOfBytes(*store.file(kDspFile), board.root()),
+              md5sumOfBytes(board.readFile(sim::kConfigBundlePath), board.root()));
     EXPECT_EQ(store.transfersCompleted(), 1u);
 
     const std::vector<std::string> cmds = dsp.commands();

@@ -2,7 +2,6 @@
 // the DSP switch on, talking to the DSP model on /dev/ttyS2.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -14,13 +13,13 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <hardware/hardware.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "avmanager_hal.h"
 #include "dsp/dsp_link.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_model.h"
 
@@ -43,14 +42,10 @@ protected:
     void SetUp() override
     {
         // A request posted before the pipe exists goes to descriptor 0.
-        int devnull = open("/dev/null", O_WRONLY);
-        ASSERT_GE(devnull, 0);
-        ASSERT_EQ(dup2(devnull, 0), 0);
-        close(devnull);
+        ASSERT_TRUE(avmtest::sinkDescriptorZero());
         ASSERT_EQ(property_set("persist.vendor.dsp.communication", "1"), 0);
-        const hw_module_t *module = nullptr;
-        ASSERT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-        hmi = reinterpret_cast<const avmanager_module_t *>(module);
+        hmi = avmtest::loadModule();
+        ASSERT_NE(hmi, nullptr);
     }
 
     void TearDown() override
@@ -65,24 +60,11 @@ protected:
         started = true;
     }
 
-    // Stops the link; a chunk from the DSP wakes the receive thread so the
-    // test does not sit out the select time-out.
+    // Stops the link without sitting out the receive thread's select.
     int release()
     {
-        std::atomic<bool> done{false};
-        int result = 0;
-        std::thread stopper([&] {
-            result = hmi->hal_release();
-            done = true;
-        });
-        while (!done) {
-            if (dsp)
-                dsp->send("WAKE");
-            std::this_thread::sleep_for(20ms);
-        }
-        stopper.join();
         started = false;
-        return result;
+        return avmtest::releaseModule(hmi, dsp.get());
     }
 
     avmtest::LogCapture log;

@@ -4,16 +4,16 @@
 // in that pass.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 
 #include <cutils/properties.h>
 
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "dsp/dsp_link.h"
+#include "dsp_commands.h"
+#include "dsp_store_board.h"
 #include "log_capture.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
@@ -26,22 +26,8 @@ namespace {
 
 const std::string kDspFile = "/data/misc/AllConfigs.bin";
 
-std::vector<std::string> withPrefix(const std::vector<std::string> &commands, const std::string &prefix)
-{
-    std::vector<std::string> out;
-    for (const auto &c : commands)
-        if (c.rfind(prefix, 0) == 0)
-            out.push_back(c);
-    return out;
-}
-
-long indexOf(const std::vector<std::string> &v, const std::string &prefix, size_t from = 0)
-{
-    for (size_t i = from; i < v.size(); ++i)
-        if (v[i].rfind(prefix, 0) == 0)
-            return static_cast<long>(i);
-    return -1;
-}
+using avmtest::indexOf;
+using avmtest::withPrefix;
 
 // The restore's requests go through the link's queue while the upgrade
 // check writes FINF straight to the port, so a pass's FINF can overtake the
@@ -68,50 +54,8 @@ std::vector<std::string> afterFinf(const std::vector<std::string> &cmds, int n)
     return withoutFinf(std::vector<std::string>(cmds.begin() + start + 1, cmds.end()));
 }
 
-class DspRestore : public ::testing::Test {
+class DspRestore : public avmtest::DspStoreBoard {
 protected:
-    void startLink()
-    {
-        ASSERT_EQ(dsp_process_init(), 0);
-        linkUp = true;
-    }
-
-    void TearDown() override
-    {
-        if (HasFailure()) {
-            for (const auto &c : dsp.commands())
-                std::fprintf(stderr, "  to DSP: %.100s\n", c.c_str());
-            for (const auto &l : log.lines())
-                std::fprintf(stderr, "  log %s/%d: %.100s\n", l.tag.c_str(), l.priority, l.text.c_str());
-        }
-        if (linkUp) {
-            settle();
-            dsp_process_deinit();
-        }
-    }
-
-    // Lets a restore still in flight finish before the link goes down: the
-    // line has been quiet for longer than one request's poll window.
-    void settle()
-    {
-        size_t seen = dsp.commandCount();
-        auto quietSince = sim::Clock::now();
-        const auto deadline = quietSince + 40s;
-        while (sim::Clock::now() < deadline && sim::Clock::now() - quietSince < 1500ms) {
-            usleep(50 * 1000);
-            if (dsp.commandCount() != seen) {
-                seen = dsp.commandCount();
-                quietSince = sim::Clock::now();
-            }
-        }
-    }
-
-    bool waitForSpeakerEq(size_t n, std::chrono::milliseconds timeout)
-    {
-        return sim::waitUntil([&] { return withPrefix(dsp.commands(), "SPK_EQ_MODE=").size() >= n; },
-                              timeout);
-    }
-
     void storeSettings()
     {
         property_set("persist.zel.dsp.soundMode", "1");
@@ -150,13 +94,6 @@ protected:
         EXPECT_EQ(p[bass + 1], "SPK_EQ_MODE=WALL");
         return static_cast<size_t>(bass + 2);
     }
-
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
-    sim::DspFileStore store{dsp};
-    bool linkUp = false;
 };
 
 } // namespace

@@ -6,13 +6,11 @@
 // the steps, their results and what is left running observable.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -25,6 +23,7 @@
 #include "avmanager_hal.h"
 #include "dsp/dsp_link.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_model.h"
 
@@ -91,13 +90,9 @@ protected:
     {
         // The placement step may post before the DSP pipe exists, which
         // writes to descriptor 0.
-        int devnull = open("/dev/null", O_WRONLY);
-        ASSERT_GE(devnull, 0);
-        ASSERT_EQ(dup2(devnull, 0), 0);
-        close(devnull);
-        const hw_module_t *module = nullptr;
-        ASSERT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-        hmi = reinterpret_cast<const avmanager_module_t *>(module);
+        ASSERT_TRUE(avmtest::sinkDescriptorZero());
+        hmi = avmtest::loadModule();
+        ASSERT_NE(hmi, nullptr);
     }
 
     void TearDown() override
@@ -113,24 +108,8 @@ protected:
         ASSERT_EQ(property_set("persist.vendor.floor_wall", floorWall), 0);
     }
 
-    // Release, with a chunk from the DSP to wake the receive thread so the
-    // test does not sit out its select time-out.
-    int stopLink()
-    {
-        std::atomic<bool> done{false};
-        int result = 0;
-        std::thread stopper([&] {
-            result = hmi->hal_release();
-            done = true;
-        });
-        while (!done) {
-            if (dsp)
-                dsp->send("WAKE");
-            std::this_thread::sleep_for(20ms);
-        }
-        stopper.join();
-        return result;
-    }
+    // Release, without sitting out the receive thread's select.
+    int stopLink() { return avmtest::releaseModule(hmi, dsp.get()); }
 
     bool fifoExists()
     {

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <cstring>
 #include <random>
 #include <string>
@@ -20,6 +19,7 @@
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/ptz_camera_model.h"
 
@@ -31,31 +31,8 @@ namespace {
 
 constexpr auto kWire = 5s; // generous: a busy 2-core machine
 
-std::string prop(const char *key)
-{
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(key, value, "");
-    return value;
-}
-
-long long msSince(Clock::time_point start)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-std::vector<int> gCallbackCalls;
-std::mutex gCallbackMutex;
-int recordCallback(int status)
-{
-    std::lock_guard<std::mutex> lock(gCallbackMutex);
-    gCallbackCalls.push_back(status);
-    return 0;
-}
-std::vector<int> callbackCalls()
-{
-    std::lock_guard<std::mutex> lock(gCallbackMutex);
-    return gCallbackCalls;
-}
+using avmtest::msSince;
+using avmtest::prop;
 
 // The camera pipe and the PTZ link started as start-up does, with the
 // camera model on the line.
@@ -410,17 +387,17 @@ TEST_F(PtzLink, HostileBytesNeverStopTheReceiver)
 
 TEST_F(PtzLink, CameraOpenIsAnsweredAndReported)
 {
-    gCallbackCalls.clear();
-    ptz_set_camera_status_callback(recordCallback);
+    avmtest::clearRecordedStatuses();
+    ptz_set_camera_status_callback(avmtest::recordStatus);
     camera.raiseOpen();
     ASSERT_TRUE(camera.waitForFrames(0x20, 0x01, 1, kWire));
-    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 1; }, kWire));
-    EXPECT_EQ(callbackCalls(), std::vector<int>{1});
+    ASSERT_TRUE(sim::waitUntil([] { return avmtest::recordedStatuses().size() == 1; }, kWire));
+    EXPECT_EQ(avmtest::recordedStatuses(), std::vector<int>{1});
     EXPECT_EQ(ptz_cam_is_open(), 1u);
     camera.raiseClose();
     ASSERT_TRUE(camera.waitForFrames(0x20, 0x03, 1, kWire));
-    ASSERT_TRUE(sim::waitUntil([] { return callbackCalls().size() == 2; }, kWire));
-    EXPECT_EQ(callbackCalls(), (std::vector<int>{1, 0}));
+    ASSERT_TRUE(sim::waitUntil([] { return avmtest::recordedStatuses().size() == 2; }, kWire));
+    EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
     EXPECT_EQ(ptz_cam_is_open(), 0u);
 }
 
@@ -535,11 +512,11 @@ TEST_F(PtzLink, TestPropertyIspenvLogsTheResult)
 
 TEST_F(PtzLink, TestPropertyTeststatusPlaysOpenAndClose)
 {
-    gCallbackCalls.clear();
-    ptz_set_camera_status_callback(recordCallback);
+    avmtest::clearRecordedStatuses();
+    ptz_set_camera_status_callback(avmtest::recordStatus);
     property_set("vendor.camera.test", "teststatus");
     ASSERT_TRUE(log.waitFor("PTZ", "end getprop teststatus\n", kWire));
-    EXPECT_EQ(callbackCalls(), (std::vector<int>{1, 0}));
+    EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
     // Played locally: nothing goes to the camera.
     EXPECT_EQ(camera.frameCount(), 0u);
 }

@@ -6,20 +6,21 @@
 #include <gtest/gtest.h>
 
 #include <cutils/properties.h>
-#include <hardware/hardware.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "amp_fixture.h"
 #include "avmanager_hal.h"
 #include "camera/ptz_requests.h"
 #include "dsp/dsp_link.h"
+#include "dsp_commands.h"
+#include "dsp_on_board.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_model.h"
@@ -132,36 +133,23 @@ std::vector<GatedOp> cameraOps()
     };
 }
 
-class ServiceApiGates : public ::testing::Test {
+class ServiceApiGates : public ::testing::Test, protected avmtest::DspOnBoard {
 protected:
     void load(const char *dspSwitch, const char *cameraSwitch, const char *floorWall = "0")
     {
         property_set("persist.vendor.dsp.communication", dspSwitch);
         property_set("persist.vendor.cam.communication", cameraSwitch);
         property_set("persist.vendor.floor_wall", floorWall);
-        const hw_module_t *module = nullptr;
-        ASSERT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-        hmi = reinterpret_cast<const avmanager_module_t *>(module);
+        hmi = avmtest::loadModule();
+        ASSERT_NE(hmi, nullptr);
         ASSERT_EQ(dsp_process_init(), 0);
         dspUp = true;
     }
 
     void TearDown() override
     {
-        if (!dspUp)
-            return;
-        // A byte now and then lets the receive thread see the link go down
-        // without waiting out its 5 s select.
-        std::atomic<bool> done{false};
-        std::thread release([&] {
-            dsp_process_deinit();
-            done = true;
-        });
-        while (!done) {
-            dsp.send("\n");
-            std::this_thread::sleep_for(150ms);
-        }
-        release.join();
+        if (dspUp)
+            avmtest::stopDspLink(&dsp);
     }
 
     // What reached the DSP before this point (the marker goes through the
@@ -170,11 +158,7 @@ protected:
     {
         EXPECT_GE(send_cmd_to_dsp("MARK"), 1);
         EXPECT_TRUE(dsp.waitForCommand("MARK", kWire));
-        std::vector<std::string> out;
-        for (const auto &c : dsp.commands())
-            if (c != "MARK")
-                out.push_back(c);
-        return out;
+        return avmtest::without(dsp.commands(), "MARK");
     }
 
     void expectClosed(const std::vector<GatedOp> &ops)
@@ -183,10 +167,6 @@ protected:
             EXPECT_EQ(op.call(hmi), op.whenOff) << "slot " << op.slot << " " << op.name;
     }
 
-    avmtest::LogCapture log;
-    sim::Board board;
-    sim::DspModel dsp{board};
-    sim::DspAudio audio{dsp};
     sim::PtzCameraModel camera{board};
     const avmanager_module_t *hmi = nullptr;
     bool dspUp = false;

@@ -3,7 +3,6 @@
 // I2C bus 1, made-up ini files under the board root.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -18,6 +17,7 @@
 #include "amp_fixture.h"
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_sound_modes.h"
+#include "module_on_board.h"
 #include "sim/dsp_model.h"
 
 using namespace std::chrono_literals;
@@ -47,22 +47,14 @@ const std::vector<std::string> kGeneratedUserLines = {
     "USER_EQ[4]=1,2000,2,1", "USER_EQ[5]=1,4000,-1,1", "USER_EQ[6]=1,8000,4,1", "USER_EQ[7]=1,12000,-6,1",
 };
 
-std::string prop(const char *key)
-{
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(key, value, "");
-    return value;
-}
+using avmtest::prop;
 
 class SoundModeBoard : public ::testing::Test {
 protected:
     void SetUp() override
     {
         // Requests posted while the link is down go to descriptor 0.
-        int devnull = open("/dev/null", O_WRONLY);
-        ASSERT_GE(devnull, 0);
-        ASSERT_EQ(dup2(devnull, 0), 0);
-        close(devnull);
+        ASSERT_TRUE(avmtest::sinkDescriptorZero());
     }
 
     void TearDown() override
@@ -77,19 +69,10 @@ protected:
         started = true;
     }
 
-    // Stops the link; a chunk from the DSP wakes the receive thread.
+    // Stops the link without sitting out the receive thread's select.
     void stopLink()
     {
-        std::atomic<bool> done{false};
-        std::thread stopper([&] {
-            dsp_process_deinit();
-            done = true;
-        });
-        while (!done) {
-            dsp->send("WAKE");
-            std::this_thread::sleep_for(20ms);
-        }
-        stopper.join();
+        avmtest::stopDspLink(dsp.get());
         started = false;
     }
 
@@ -104,13 +87,7 @@ protected:
     }
 
     // Makes posts fail: descriptor 0 becomes read-only and there is no link.
-    static void breakPosting()
-    {
-        int ro = open("/dev/null", O_RDONLY);
-        ASSERT_GE(ro, 0);
-        ASSERT_EQ(dup2(ro, 0), 0);
-        close(ro);
-    }
+    static void breakPosting() { ASSERT_TRUE(avmtest::sinkDescriptorZero(O_RDONLY)); }
 
     avmtest::LogCapture log;
     sim::Board board;

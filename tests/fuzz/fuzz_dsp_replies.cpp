@@ -5,32 +5,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "dsp/dsp_replies.h"
+#include "log_capture.h"
 
 namespace {
 
 // The handlers store properties: keep them in a private store.
-struct PropertyDir {
-    PropertyDir()
-    {
-        char dir[] = "/tmp/avm_fuzz_replies_XXXXXX";
-        if (mkdtemp(dir) != nullptr) {
-            path = dir;
-            setenv("AVMANAGER_PROPERTY_DIR", dir, 1);
-        }
-    }
-    ~PropertyDir()
-    {
-        std::error_code ignored;
-        if (!path.empty())
-            std::filesystem::remove_all(path, ignored);
-    }
-    std::string path;
-};
-const PropertyDir gPropertyDir;
+const avmtest::TempPropertyStore gProperties;
 
 const char *const kPrefixes[] = {"VS=", "MV=", "MT=", "PER_STAT=", "BAL_LEFT=", "BAL_RIGHT=",
                                  "USER_EQ", "USER_EQ[", "AOM=", "VER_FULL=", "MIC_DOA_REP=",

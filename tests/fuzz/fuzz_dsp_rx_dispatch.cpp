@@ -11,14 +11,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "dsp/dsp_link.h"
+#include "log_capture.h"
+#include "module_on_board.h"
 
 namespace {
 
@@ -28,26 +27,11 @@ namespace {
 struct PrivateRoot {
     PrivateRoot()
     {
-        char dir[] = "/tmp/avm_fuzz_rx_XXXXXX";
-        if (mkdtemp(dir) == nullptr)
-            return;
-        path = dir;
-        setenv("AVMANAGER_PROPERTY_DIR", dir, 1);
-        setenv("AVMANAGER_ROOT", dir, 1);
-        mkdir((path + "/tmp").c_str(), 0755);
-        int sink = open("/dev/null", O_WRONLY);
-        if (sink >= 0) {
-            dup2(sink, 0);
-            close(sink);
-        }
+        setenv("AVMANAGER_ROOT", properties.dir().c_str(), 1);
+        mkdir((properties.dir() + "/tmp").c_str(), 0755);
+        avmtest::sinkDescriptorZero();
     }
-    ~PrivateRoot()
-    {
-        std::error_code ignored;
-        if (!path.empty())
-            std::filesystem::remove_all(path, ignored);
-    }
-    std::string path;
+    const avmtest::TempPropertyStore properties;
 };
 const PrivateRoot gRoot;
 

@@ -23,6 +23,7 @@
 #include "dsp/dsp_pickup.h"
 #include "dsp/dsp_replies.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 
 namespace {
 
@@ -111,10 +112,7 @@ private:
     std::thread thread_;
 };
 
-long long msSince(Clock::time_point start)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using avmtest::msSince;
 
 // ------------------------------------------------------------------ volume
 

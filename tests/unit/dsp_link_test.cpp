@@ -20,7 +20,9 @@
 #include <unistd.h>
 
 #include "dsp/dsp_link.h"
+#include "dsp_commands.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 
 namespace {
 
@@ -107,14 +109,7 @@ bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds time
     return pred();
 }
 
-DspRequest chunk(const std::string &text)
-{
-    DspRequest r;
-    memset(&r, 0, sizeof(r));
-    memcpy(r.text, text.data(), std::min(text.size(), sizeof(r.text)));
-    r.length = static_cast<uint32_t>(std::min(text.size(), sizeof(r.text)));
-    return r;
-}
+using avmtest::receivedChunk;
 
 // A private board root holding /tmp, so the request pipe lands in it.
 class DspLinkTest : public ::testing::Test {
@@ -124,10 +119,7 @@ protected:
         setenv("AVMANAGER_ROOT", root.path().c_str(), 1);
         ASSERT_EQ(mkdir((root.path() + "/tmp").c_str(), 0755), 0);
         // Descriptor 0 is written to before the pipe exists: keep it harmless.
-        int devnull = open("/dev/null", O_WRONLY);
-        ASSERT_GE(devnull, 0);
-        ASSERT_EQ(dup2(devnull, 0), 0);
-        close(devnull);
+        ASSERT_TRUE(avmtest::sinkDescriptorZero());
         {
             std::lock_guard<std::mutex> lock(gCallsMutex);
             gCalls.clear();
@@ -381,7 +373,7 @@ TEST_F(DspLinkTest, CommandTableFormsEachCodesTextAndSendsOneZeroByte)
         {29, 0, "AOM=1", "AOM=1"},
     };
     for (const auto &c : cases) {
-        DspRequest r = chunk(c.text);
+        DspRequest r = receivedChunk(c.text);
         r.length = 0;
         r.cmd = c.cmd;
         r.param = c.param;
@@ -396,7 +388,7 @@ TEST_F(DspLinkTest, UnknownCodesIncluding28ReturnMinusOneAndNothingReachesThePor
 {
     usePipeAsPort();
     for (int32_t cmd : {-1, 0, 2, 3, 4, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 28, 30, 1000}) {
-        DspRequest r = chunk("MV=-1.00");
+        DspRequest r = receivedChunk("MV=-1.00");
         r.cmd = cmd;
         EXPECT_EQ(dsp_tx_protocol_handle(r), -1) << cmd;
     }
@@ -407,7 +399,7 @@ TEST_F(DspLinkTest, UnknownCodesIncluding28ReturnMinusOneAndNothingReachesThePor
 TEST_F(DspLinkTest, CommandOf511CharactersGoesOutWholeWithItsTerminator)
 {
     usePipeAsPort();
-    DspRequest r = chunk(std::string(511, 'Q'));
+    DspRequest r = receivedChunk(std::string(511, 'Q'));
     r.cmd = DSP_CMD_FREE_TEXT;
     EXPECT_EQ(dsp_tx_protocol_handle(r), 512);
     EXPECT_EQ(portBytes(), std::string(511, 'Q') + std::string(1, '\0'));
@@ -426,7 +418,7 @@ TEST_F(DspLinkTest, UnterminatedTextFieldIsSentCutTo511)
 TEST_F(DspLinkTest, SuccessfulPortWriteLogsTheTextAndPausesEightMilliseconds)
 {
     usePipeAsPort();
-    DspRequest r = chunk("MT=0");
+    DspRequest r = receivedChunk("MT=0");
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(dspHalWriteUsart(r), 5);
     auto took = std::chrono::steady_clock::now() - start;
@@ -445,7 +437,7 @@ TEST_F(DspLinkTest, SuccessfulPortWriteLogsTheTextAndPausesEightMilliseconds)
 TEST_F(DspLinkTest, FailedPortWriteLogsItsResultAndReturnsIt)
 {
     gDspHalDev.fd.store(-1);
-    DspRequest r = chunk("MT=0");
+    DspRequest r = receivedChunk("MT=0");
     EXPECT_EQ(dspHalWriteUsart(r), -1);
     bool found = false;
     for (const auto &l : log.lines())
@@ -555,7 +547,7 @@ TEST_F(DspLinkTest, DispatchTableHasTheFifteenPrefixesInOrder)
 TEST_F(DspLinkTest, MicDoaRepReplyReachesDoaStatusUpdateNotParseDoa)
 {
     EXPECT_EQ(dsp_rx_match("MIC_DOA_REP=1"), 15);
-    DspRequest r = chunk("MIC_DOA_REP=1");
+    DspRequest r = receivedChunk("MIC_DOA_REP=1");
     EXPECT_EQ(dsp_rx_dispatch(&r), 15);
     EXPECT_EQ(callCount("dsp_parse_doa"), 0u);
     auto c = calls();
@@ -596,7 +588,7 @@ TEST_F(DspLinkTest, EachPrefixReachesItsHandlerWithTheDocumentedArgument)
             std::lock_guard<std::mutex> lock(gCallsMutex);
             gCalls.clear();
         }
-        DspRequest r = chunk(c.reply);
+        DspRequest r = receivedChunk(c.reply);
         EXPECT_GT(dsp_rx_dispatch(&r), 0) << c.reply;
         auto got = calls();
         ASSERT_EQ(got.size(), 2u) << c.reply;
@@ -613,7 +605,7 @@ TEST_F(DspLinkTest, EachPrefixReachesItsHandlerWithTheDocumentedArgument)
 
 TEST_F(DspLinkTest, UnmatchedChunkStillGoesToTheFileTransferHandler)
 {
-    DspRequest r = chunk("FWDAT=0,240,OK");
+    DspRequest r = receivedChunk("FWDAT=0,240,OK");
     EXPECT_EQ(dsp_rx_dispatch(&r), 0);
     auto c = calls();
     ASSERT_EQ(c.size(), 1u);
@@ -630,7 +622,7 @@ TEST_F(DspLinkTest, UnmatchedChunkStillGoesToTheFileTransferHandler)
 
 TEST_F(DspLinkTest, ChunkHoldingSeveralRepliesIsNotSplit)
 {
-    DspRequest r = chunk("MV=-1.00\nMT=1\n");
+    DspRequest r = receivedChunk("MV=-1.00\nMT=1\n");
     EXPECT_EQ(dsp_rx_dispatch(&r), 5);
     EXPECT_EQ(callCount("dsp_main_dbVol_update"), 1u);
     EXPECT_EQ(callCount("dsp_mainMute_status_update"), 0u);
@@ -662,7 +654,7 @@ TEST_F(DspLinkTest, TwoVersionRepliesInQuickSuccessionStartOneRestore)
         std::lock_guard<std::mutex> lock(gGateMutex);
         gGateClosed = true;
     }
-    DspRequest r = chunk("VER_FULL=1.0.0");
+    DspRequest r = receivedChunk("VER_FULL=1.0.0");
     EXPECT_EQ(dsp_rx_dispatch(&r), 2);
     ASSERT_TRUE(waitUntil([] { return gRestorePasses.load() == 1; }, 5000ms));
     // The restore is still running: the second announcement starts nothing.

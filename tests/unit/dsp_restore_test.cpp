@@ -16,9 +16,12 @@
 #include "dsp/dsp_audio.h"
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_restore.h"
+#include "dsp_commands.h"
 #include "log_capture.h"
 
 namespace {
+
+using avmtest::indexOf;
 
 struct Posted {
     int32_t cmd;
@@ -56,13 +59,6 @@ protected:
         return out;
     }
 
-    static long indexOf(const std::vector<std::string> &v, const std::string &prefix)
-    {
-        for (size_t i = 0; i < v.size(); ++i)
-            if (v[i].rfind(prefix, 0) == 0)
-                return static_cast<long>(i);
-        return -1;
-    }
 
     avmtest::TempDir root;
     avmtest::TempPropertyStore props;

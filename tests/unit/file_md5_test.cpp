@@ -6,12 +6,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "dsp/file_transfer.h"
 #include "log_capture.h"
+#include "md5sum.h"
 
 namespace {
 
@@ -84,26 +84,6 @@ std::string referenceMd5(const std::string &message)
     return std::string(out, 32);
 }
 
-std::string md5sumOf(const std::string &path)
-{
-    std::string cmd = "md5sum '" + path + "'";
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p)
-        return "";
-    char buf[128] = {};
-    size_t n = fread(buf, 1, sizeof(buf) - 1, p);
-    pclose(p);
-    return std::string(buf, n < 32 ? n : 32);
-}
-
-std::string writeTemp(const avmtest::TempDir &dir, const std::string &name, const std::string &content)
-{
-    std::string path = dir.path() + "/" + name;
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    return path;
-}
-
 // Bytes that are not all alike, so a block mix-up would show.
 std::string patterned(size_t size)
 {
@@ -147,7 +127,7 @@ TEST(FileMd5, RfcSuiteStringsAsFilesMatchKnownDigests)
     avmtest::TempDir dir;
     int i = 0;
     for (const auto &c : kRfcSuite) {
-        std::string path = writeTemp(dir, "rfc" + std::to_string(i++), c.message);
+        std::string path = avmtest::writeBytes(dir.path(), "rfc" + std::to_string(i++), c.message);
         FileXferInfo info;
         ASSERT_EQ(file_xfer_info(path.c_str(), &info), 0);
         EXPECT_EQ(info.len, strlen(c.message));
@@ -162,13 +142,13 @@ TEST_P(FileMd5BySize, MatchesIndependentDigestAndMd5sum)
     avmtest::TempDir dir;
     const size_t size = GetParam();
     const std::string content = patterned(size);
-    std::string path = writeTemp(dir, "file.bin", content);
+    std::string path = avmtest::writeBytes(dir.path(), "file.bin", content);
     FileXferInfo info;
     ASSERT_EQ(file_xfer_info(path.c_str(), &info), 0);
     EXPECT_EQ(info.len, size);
     EXPECT_EQ(strlen(info.md5), 32u);
     EXPECT_EQ(std::string(info.md5), referenceMd5(content));
-    EXPECT_EQ(std::string(info.md5), md5sumOf(path));
+    EXPECT_EQ(std::string(info.md5), avmtest::md5sumOfFile(path));
 }
 
 INSTANTIATE_TEST_SUITE_P(AroundTheReadBlock, FileMd5BySize,

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "dsp/file_transfer.h"
+#include "dsp_commands.h"
 #include "log_capture.h"
 
 namespace {
@@ -21,21 +22,11 @@ namespace {
 const char *kDspPath = "/data/misc/AllConfigs.bin";
 const char *kMd5 = "0123456789abcdef0123456789abcdef";
 
-// A received chunk as the receive thread hands it over: zeroed record,
-// bytes in the text (not terminated when they fill it), count in length.
-DspRequest chunk(const std::string &bytes)
-{
-    DspRequest r;
-    memset(&r, 0, sizeof(r));
-    size_t n = bytes.size() < sizeof(r.text) ? bytes.size() : sizeof(r.text);
-    memcpy(r.text, bytes.data(), n);
-    r.length = static_cast<uint32_t>(n);
-    return r;
-}
+using avmtest::receivedChunk;
 
 void deliver(const std::string &bytes)
 {
-    dsp_rx_file_operations_handle(chunk(bytes));
+    dsp_rx_file_operations_handle(receivedChunk(bytes));
 }
 
 uint8_t replied(int i)
@@ -303,7 +294,7 @@ TEST_F(FileAnswers, UnterminatedFullChunkIsCutTo512Bytes)
     std::string text = "FWEND=/data/misc/AllConfigs.bin,OK";
     text.append(512 - text.size(), 'X');
     ASSERT_EQ(text.size(), 512u);
-    DspRequest r = chunk(text);
+    DspRequest r = receivedChunk(text);
     ASSERT_NE(r.text[511], '\0');
     dsp_rx_file_operations_handle(r);
     EXPECT_EQ(replied(FILE_OPS_WEND), 1);

@@ -12,6 +12,7 @@
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "log_capture.h"
+#include "module_on_board.h"
 #include "sim/ptz_camera_model.h"
 
 namespace {
@@ -35,12 +36,6 @@ template <typename T> T slot(const PtzResponse &response)
     return v;
 }
 
-std::vector<int> gCallbackCalls;
-int recordCallback(int status)
-{
-    gCallbackCalls.push_back(status);
-    return 0;
-}
 
 TEST(PtzReplies, AutotestLengthThreeWithDataOneZeroFiveGivesFive)
 {
@@ -252,10 +247,10 @@ TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
 {
     avmtest::TempPropertyStore props;
     avmtest::LogCapture log;
-    gCallbackCalls.clear();
-    ptz_set_camera_status_callback(recordCallback);
+    avmtest::clearRecordedStatuses();
+    ptz_set_camera_status_callback(avmtest::recordStatus);
     ptz_test_camera_status_callback();
-    EXPECT_EQ(gCallbackCalls, (std::vector<int>{1, 0}));
+    EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
     EXPECT_EQ(ptz_cam_is_open(), 0u);
     EXPECT_TRUE(log.contains("PTZ", "ptz_recv_camera_status_open\n"));
     EXPECT_TRUE(log.contains("PTZ", "ptz_recv_camera_status_close\n"));
@@ -264,24 +259,24 @@ TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
 TEST(PtzCameraStatus, NullCallbackStopsTheCalls)
 {
     avmtest::TempPropertyStore props;
-    gCallbackCalls.clear();
-    ptz_set_camera_status_callback(recordCallback);
+    avmtest::clearRecordedStatuses();
+    ptz_set_camera_status_callback(avmtest::recordStatus);
     ptz_set_camera_status_callback(nullptr);
     ptz_test_camera_status_callback();
-    EXPECT_TRUE(gCallbackCalls.empty());
+    EXPECT_TRUE(avmtest::recordedStatuses().empty());
 }
 
 TEST(PtzCameraStatus, OpenFrameSetsTheFlagAndCallsBack)
 {
     avmtest::TempPropertyStore props;
-    gCallbackCalls.clear();
-    ptz_set_camera_status_callback(recordCallback);
+    avmtest::clearRecordedStatuses();
+    ptz_set_camera_status_callback(avmtest::recordStatus);
     EXPECT_EQ(ptz_cam_is_open(), 0u);
     feed(0x20, 0x00, {});
     EXPECT_EQ(ptz_cam_is_open(), 1u);
     feed(0x20, 0x02, {});
     EXPECT_EQ(ptz_cam_is_open(), 0u);
-    EXPECT_EQ(gCallbackCalls, (std::vector<int>{1, 0}));
+    EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
 }
 
 TEST(PtzCameraStatus, DoaStatusSetLogsTheStatusWithItsDoubleBlank)

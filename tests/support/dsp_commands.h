@@ -1,0 +1,30 @@
+/*
+ * Helpers over the DSP's command list and over received chunks, shared by
+ * the unit and board tests of the DSP link, the restore and the transfer.
+ */
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "avmanager/dsp/dsp_link.h"
+
+namespace avmtest {
+
+// The commands that start with `prefix`, in order.
+std::vector<std::string> withPrefix(const std::vector<std::string> &commands, const std::string &prefix);
+
+// Index of the first command at or after `from` that starts with
+// `prefix`, or -1.
+long indexOf(const std::vector<std::string> &commands, const std::string &prefix, size_t from = 0);
+
+// The commands other than `marker`, in order.
+std::vector<std::string> without(const std::vector<std::string> &commands, const std::string &marker);
+
+// A received chunk as the receive thread hands it over: zeroed record,
+// the bytes in the text (not terminated when they fill it), their count
+// in length.
+DspRequest receivedChunk(const std::string &bytes);
+
+} // namespace avmtest

@@ -1,0 +1,117 @@
+#include "module_on_board.h"
+
+#include <gtest/gtest.h>
+
+#include <cutils/properties.h>
+#include <hardware/hardware.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "avmanager/dsp/dsp_link.h"
+#include "sim/dsp_model.h"
+
+namespace avmtest {
+
+using namespace std::chrono_literals;
+
+const avmanager_module_t *loadModule()
+{
+    const hw_module_t *module = nullptr;
+    const int rc = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
+    EXPECT_EQ(rc, 0) << "hw_get_module(" AVMANAGER_HARDWARE_MODULE_ID ")";
+    EXPECT_NE(module, nullptr);
+    return rc == 0 ? reinterpret_cast<const avmanager_module_t *>(module) : nullptr;
+}
+
+bool startModule(const avmanager_module_t *&hmi)
+{
+    hmi = loadModule();
+    if (hmi == nullptr)
+        return false;
+    const int rc = hmi->hal_init();
+    EXPECT_GE(rc, 0) << "hal_init";
+    return rc >= 0;
+}
+
+int stopNudgingDsp(sim::DspModel *dsp, const std::function<int()> &stop)
+{
+    if (dsp) {
+        dsp->setSilent(false);
+        dsp->setGarbage(false);
+    }
+    std::atomic<bool> done{false};
+    int result = 0;
+    std::thread stopper([&] {
+        result = stop();
+        done = true;
+    });
+    while (!done) {
+        if (dsp)
+            dsp->send("\n");
+        std::this_thread::sleep_for(150ms);
+    }
+    stopper.join();
+    return result;
+}
+
+int releaseModule(const avmanager_module_t *hmi, sim::DspModel *dsp)
+{
+    return stopNudgingDsp(dsp, [hmi] { return hmi->hal_release(); });
+}
+
+int stopDspLink(sim::DspModel *dsp)
+{
+    return stopNudgingDsp(dsp, [] { return dsp_process_deinit(); });
+}
+
+bool sinkDescriptorZero(int flags)
+{
+    const int fd = open("/dev/null", flags);
+    if (fd < 0)
+        return false;
+    const bool ok = dup2(fd, 0) == 0;
+    if (fd != 0)
+        close(fd);
+    return ok;
+}
+
+std::string prop(const char *key)
+{
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get(key, value, "");
+    return value;
+}
+
+long long msSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+namespace {
+std::mutex gStatusMutex;
+std::vector<int> gStatuses; // guarded by gStatusMutex
+} // namespace
+
+int recordStatus(int status)
+{
+    std::lock_guard<std::mutex> lock(gStatusMutex);
+    gStatuses.push_back(status);
+    return 0;
+}
+
+std::vector<int> recordedStatuses()
+{
+    std::lock_guard<std::mutex> lock(gStatusMutex);
+    return gStatuses;
+}
+
+void clearRecordedStatuses()
+{
+    std::lock_guard<std::mutex> lock(gStatusMutex);
+    gStatuses.clear();
+}
+
+} // namespace avmtest

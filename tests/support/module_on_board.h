@@ -1,0 +1,65 @@
+/*
+ * The module on the virtual board, as the board tests start and stop it:
+ * loading HMI by id, start-up, a release that does not sit out the DSP
+ * receive thread's select time-out, and small helpers the tests share
+ * (property reads, elapsed time, a recorder for status callbacks, a
+ * harmless descriptor 0).
+ */
+#pragma once
+
+#include <fcntl.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "avmanager_hal.h"
+
+namespace sim {
+class DspModel;
+}
+
+namespace avmtest {
+
+// HMI as the loader finds it by the module id; records a failure and
+// gives nullptr when the loader does not find it.
+const avmanager_module_t *loadModule();
+
+// Loads HMI into `hmi` and runs start-up; true when start-up succeeded
+// (failures are recorded).
+bool startModule(const avmanager_module_t *&hmi);
+
+// Runs `stop` (release, or the DSP link's own stop) on a thread of its
+// own and returns its result. Until it returns, the DSP sends a newline
+// every 150 ms: the receive thread wakes from its select and sees the
+// link going down at once instead of after its 5 s time-out. The gap is
+// above the port's 0.1 s inter-byte time, so each byte ends a read. The
+// DSP's silent and garbage modes are switched off first so the bytes go
+// out; with no DSP model the helper only waits.
+int stopNudgingDsp(sim::DspModel *dsp, const std::function<int()> &stop);
+
+// hal_release through HMI, nudging the DSP as above.
+int releaseModule(const avmanager_module_t *hmi, sim::DspModel *dsp);
+
+// dsp_process_deinit, nudging the DSP as above.
+int stopDspLink(sim::DspModel *dsp);
+
+// Points descriptor 0 at /dev/null opened with `flags`. Requests posted
+// while the DSP pipe does not exist go to descriptor 0: O_WRONLY makes
+// them vanish, O_RDONLY makes them fail. True on success.
+bool sinkDescriptorZero(int flags = O_WRONLY);
+
+// A property's value, "" when unset.
+std::string prop(const char *key);
+
+// Milliseconds from `start` to now on the steady clock.
+long long msSince(std::chrono::steady_clock::time_point start);
+
+// A status callback for the module to call: records each status, in
+// order, from whatever thread calls it.
+int recordStatus(int status);
+std::vector<int> recordedStatuses();
+void clearRecordedStatuses();
+
+} // namespace avmtest
