@@ -515,7 +515,9 @@ TEST_F(AudioHmi, VersionAnnouncementIsPublished)
     audio.announceVersion("DSP-9.8.7-madeup");
     ASSERT_TRUE(sim::waitUntil([] { return prop("persist.sys.dune.version") == "DSP-9.8.7-madeup"; },
                                kWire));
-    EXPECT_EQ(prop("persist.sys.dune.update"), "0");
+    // The update flag is written just after the version: wait for it too.
+    EXPECT_TRUE(sim::waitUntil([] { return prop("persist.sys.dune.update") == "0"; }, kWire))
+        << prop("persist.sys.dune.update");
     EXPECT_TRUE(log.waitFor("DETECT_HAL", "dsp_fullVersion_update DSP-9.8.7-madeup", kWire));
 }
 
