@@ -47,11 +47,13 @@ int openControl()
     return fd;
 }
 
-// A zero-filled element record addressing one control by numeric id.
-void prepare(snd_ctl_elem_value &elem, unsigned numid)
+// Reads one control, addressed by numeric id only, into a zero-filled
+// element record. Returns the ioctl's result.
+int readElement(int fd, unsigned numid, snd_ctl_elem_value &elem)
 {
     memset(&elem, 0, sizeof elem);
     elem.id.numid = numid;
+    return ioctl(fd, SNDRV_CTL_IOCTL_ELEM_READ, &elem);
 }
 
 } // namespace
@@ -69,8 +71,7 @@ int set_uac_volume(int value)
     if (fd < 0)
         return -1;
     snd_ctl_elem_value elem;
-    prepare(elem, kVolumeNumid);
-    int ret = ioctl(fd, SNDRV_CTL_IOCTL_ELEM_READ, &elem);
+    int ret = readElement(fd, kVolumeNumid, elem);
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "set_uac_volume failed!");
         close(fd);
@@ -91,8 +92,7 @@ int get_uac_volume(void)
     if (fd < 0)
         return -1;
     snd_ctl_elem_value elem;
-    prepare(elem, kVolumeNumid);
-    int ret = ioctl(fd, SNDRV_CTL_IOCTL_ELEM_READ, &elem);
+    int ret = readElement(fd, kVolumeNumid, elem);
     close(fd);
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "get_uac_volume failed!!");
@@ -111,8 +111,7 @@ int set_uac_mute(int mute)
     if (fd < 0)
         return -1;
     snd_ctl_elem_value elem;
-    prepare(elem, kSwitchNumid);
-    int ret = ioctl(fd, SNDRV_CTL_IOCTL_ELEM_READ, &elem);
+    int ret = readElement(fd, kSwitchNumid, elem);
     if (ret >= 0) {
         // The switch is the inverse of mute: mute 1 turns the sound off.
         // Only the lowest bit is flipped (mute 2 writes 3), as always.
@@ -129,8 +128,7 @@ int get_uac_mute(void)
     if (fd < 0)
         return -1;
     snd_ctl_elem_value elem;
-    prepare(elem, kSwitchNumid);
-    int ret = ioctl(fd, SNDRV_CTL_IOCTL_ELEM_READ, &elem);
+    int ret = readElement(fd, kSwitchNumid, elem);
     close(fd);
     if (ret < 0)
         return ret;
