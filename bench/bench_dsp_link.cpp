@@ -90,4 +90,12 @@ BENCHMARK(BM_BurstThroughput)->UseManualTime()->Arg(100)->Iterations(3);
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    // The testbed sets UMOCKDEV_DIR: make it before any thread starts.
+    sim::initBoardProcess();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,13 +1,13 @@
 /*
- * The virtual board core: the umockdev testbed, the private board root, the
- * live trace, pty-backed serial lines and ioctl-emulated nodes.
+ * The virtual board core: the process's umockdev testbed, the board root,
+ * the live trace, pty-backed serial lines and ioctl-emulated nodes.
  *
  * Threads: the test (or console) thread builds and tears down the board and
  * its models; every SerialLine runs one reader thread; ioctl handlers run on
  * umockdev's worker thread; a node with timed deferred calls runs one
  * expiry thread that completes them. Trace is shared by all of them and is
- * guarded by its own mutex. Board's node bookkeeping (which devnode is
- * backed by which sysfs device) is guarded by nodesMutex_.
+ * guarded by its own mutex. The node bookkeeping (which devnode is backed
+ * by which sysfs device) is process-wide, guarded by ProcessTestbed::mutex.
  */
 #include "board.h"
 
@@ -19,9 +19,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sstream>
 #include <sys/stat.h>
 #include <termios.h>
@@ -44,8 +48,9 @@ constexpr const char *kKnownNodes[] = {
     "/dev/hidraw8", "/dev/hidraw9",
 };
 
-// Target of the broken symlink that hides a node.
-constexpr const char *kMaskTarget = "/nonexistent/avm-board-masked-node";
+// Directories of /dev that must exist in the testbed even when empty: the
+// module lists them, and a missing one would list the host's.
+constexpr const char *kTestbedDirs[] = {"/dev/bus/usb", "/dev/snd"};
 
 // Directories every board root carries for the module's own files.
 constexpr const char *kRootDirs[] = {
@@ -62,6 +67,13 @@ constexpr auto kClosedPortPause = std::chrono::milliseconds(5);
 constexpr size_t kPaceGroup = 8;
 // A write that cannot make progress for this long fails.
 constexpr auto kWriteStall = std::chrono::seconds(2);
+
+// A node claimed in this process: its testbed device and what its /dev
+// entry links to when it is not masked.
+struct NodeRecord {
+    std::string syspath;
+    std::string target;
+};
 
 std::string nodeName(const std::string &devnode)
 {
@@ -149,46 +161,154 @@ void Trace::setListener(std::function<void(const TraceEvent &)> listener)
     listener_ = std::move(listener);
 }
 
+// ---------------------------------------------------------------- Testbed
+
+namespace {
+
+// The process's one umockdev testbed. Creating a testbed starts its worker
+// thread and sets UMOCKDEV_DIR; finalising one unsets it. Both change the
+// environment, which no thread may do while others run (module threads
+// read it through the path helper, the property store and umockdev's own
+// path redirection), so the testbed is made once, before any other thread
+// (initBoardProcess), and lives until the process ends. Its directory lies
+// under the wrapper's private TMPDIR, which the wrapper removes afterwards.
+struct ProcessTestbed {
+    UMockdevTestbed *testbed = nullptr;
+    std::string dir;                    // umockdev's directory (UMOCKDEV_DIR)
+    std::mutex mutex;                   // guards nodes and the /dev entries
+    std::map<std::string, NodeRecord> nodes; // every node claimed in this process
+    std::atomic<int> boards{0};         // boards alive (at most one)
+};
+
+ProcessTestbed &processTestbed()
+{
+    // Never destroyed: module threads may outlive every board.
+    static ProcessTestbed *instance = [] {
+        auto *made = new ProcessTestbed;
+        made->testbed = umockdev_testbed_new();
+        gchar *dir = umockdev_testbed_get_root_dir(made->testbed);
+        made->dir = dir ? dir : "";
+        g_free(dir);
+        return made;
+    }();
+    return *instance;
+}
+
+// Hides a /dev entry: a Unix socket where the node was. The board's shim
+// (sim/preload) makes such a path absent (ENOENT) for open, access and
+// stat. Even without the shim the host's node would not be reached:
+// umockdev redirects any /dev path that exists in the testbed, and opening
+// a socket fails with ENXIO. (A dangling link would not do: umockdev
+// follows it, finds nothing and falls through to the host's node.)
+bool placeMask(const std::string &path)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    std::filesystem::remove_all(path, ec);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        std::fprintf(stderr, "virtual board: mask path too long: %s\n", path.c_str());
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (sock < 0)
+        return false;
+    const bool ok = bind(sock, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
+    if (!ok)
+        std::fprintf(stderr, "virtual board: cannot mask %s: %s\n", path.c_str(), std::strerror(errno));
+    close(sock); // the socket file stays; nothing listens on it
+    return ok;
+}
+
+std::string requiredRoot()
+{
+    const char *root = getenv("AVMANAGER_ROOT");
+    const char *props = getenv("AVMANAGER_PROPERTY_DIR");
+    if (!root || !*root || !props || std::string(props) != std::string(root) + "/properties") {
+        std::fprintf(stderr, "virtual board: AVMANAGER_ROOT and AVMANAGER_PROPERTY_DIR "
+                             "(=$AVMANAGER_ROOT/properties) must be set before the program "
+                             "starts; run it through tests/board-wrapper or scripts/run-board\n");
+        std::abort();
+    }
+    return root;
+}
+
+} // namespace
+
+void initBoardProcess()
+{
+    // Without umockdev nothing is redirected, and without the board's shim
+    // in front of it the host's own devices show through: refuse both.
+    const char *preload = getenv("LD_PRELOAD");
+    if (!preload || !std::strstr(preload, "umockdev-preload") ||
+        !dlsym(RTLD_DEFAULT, "avm_board_preload_active")) {
+        std::fprintf(stderr, "virtual board: the board's shim and umockdev's preload are not "
+                             "loaded; run the program through tests/board-wrapper or "
+                             "scripts/run-board\n");
+        std::abort();
+    }
+    requiredRoot();
+    processTestbed();
+}
+
 // ---------------------------------------------------------------- Board
 
 Board::Board()
 {
-    const char *preload = getenv("LD_PRELOAD");
-    if (!preload || !std::strstr(preload, "umockdev-preload"))
-        std::fprintf(stderr, "virtual board: not running under umockdev-wrapper; "
-                             "/dev and /sys are not redirected\n");
-    testbed_ = umockdev_testbed_new();
-    gchar *tbRoot = umockdev_testbed_get_root_dir(testbed_);
-    testbedRoot_ = tbRoot ? tbRoot : "";
-    g_free(tbRoot);
-
-    char tmpl[] = "/tmp/avm-board-XXXXXX";
-    if (char *dir = mkdtemp(tmpl)) {
-        root_ = dir;
-    } else {
-        std::fprintf(stderr, "virtual board: mkdtemp failed: %s\n", std::strerror(errno));
+    initBoardProcess();
+    ProcessTestbed &tb = processTestbed();
+    // Boards share the process's nodes: one at a time.
+    if (tb.boards.fetch_add(1) != 0) {
+        std::fprintf(stderr, "virtual board: another board of this process is still alive; "
+                             "make boards one after the other\n");
         std::abort();
     }
-    setenv("AVMANAGER_ROOT", root_.c_str(), 1);
-    setenv("AVMANAGER_PROPERTY_DIR", (root_ + "/properties").c_str(), 1);
+    testbed_ = tb.testbed;
+    testbedRoot_ = tb.dir;
+    root_ = requiredRoot();
+
+    // A board starts from an empty root, even after an earlier board of
+    // this process.
     std::error_code ec;
+    std::filesystem::create_directories(root_, ec);
+    for (const auto &entry : std::filesystem::directory_iterator(root_, ec))
+        std::filesystem::remove_all(entry.path(), ec);
     for (const char *dir : kRootDirs)
         std::filesystem::create_directories(root_ + dir, ec);
 
+    // Directories the module lists must exist in the testbed, or the
+    // listing falls through to the host's.
+    for (const char *dir : kTestbedDirs)
+        std::filesystem::create_directories(testbedRoot_ + dir, ec);
+
+    std::vector<std::string> claimed;
+    {
+        std::lock_guard<std::mutex> lock(tb.mutex);
+        for (const auto &node : tb.nodes)
+            claimed.push_back(node.first);
+    }
     for (const char *node : kKnownNodes)
+        mask(node);
+    for (const auto &node : claimed)
         mask(node);
 }
 
 Board::~Board()
 {
     trace_.setListener(nullptr);
-    // Finalizing the testbed stops its ioctl worker, closes the ptys and
-    // removes its directory.
-    g_object_unref(testbed_);
-    testbed_ = nullptr;
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-    std::filesystem::remove_all(testbedRoot_, ec);
+    // The testbed and the root outlive the board (see ProcessTestbed); what
+    // this board claimed is hidden again for the next one.
+    std::vector<std::string> claimed;
+    {
+        std::lock_guard<std::mutex> lock(processTestbed().mutex);
+        for (const auto &node : processTestbed().nodes)
+            claimed.push_back(node.first);
+    }
+    for (const auto &node : claimed)
+        mask(node);
+    processTestbed().boards.fetch_sub(1);
 }
 
 std::string Board::rootPath(const std::string &absolutePath) const
@@ -223,13 +343,15 @@ std::string Board::devPath(const std::string &devnode) const
 std::string Board::addNode(const std::string &devnode)
 {
     // umockdev cannot create a node twice in one testbed (nor take a device
-    // away again), so a node keeps its device and pty for the board's life;
-    // claiming it again just puts its node back.
-    std::lock_guard<std::mutex> lock(nodesMutex_);
+    // away again), so a node keeps its device and pty for the process's
+    // life; claiming it again just puts its node back.
+    ProcessTestbed &tb = processTestbed();
+    std::lock_guard<std::mutex> lock(tb.mutex);
     const std::string path = devPath(devnode);
-    auto it = nodes_.find(devnode);
-    if (it != nodes_.end()) {
-        unlink(path.c_str());
+    std::error_code ec;
+    auto it = tb.nodes.find(devnode);
+    if (it != tb.nodes.end()) {
+        std::filesystem::remove_all(path, ec);
         if (symlink(it->second.target.c_str(), path.c_str()) != 0) {
             std::fprintf(stderr, "virtual board: cannot restore %s: %s\n", devnode.c_str(),
                          std::strerror(errno));
@@ -238,9 +360,7 @@ std::string Board::addNode(const std::string &devnode)
         return it->second.syspath;
     }
     // Drop the mask so umockdev can create the node.
-    struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
-        unlink(path.c_str());
+    std::filesystem::remove_all(path, ec);
     const std::string name = nodeName(devnode);
     std::string leaf = name;
     std::replace(leaf.begin(), leaf.end(), '/', '_');
@@ -253,6 +373,7 @@ std::string Board::addNode(const std::string &devnode)
         std::fprintf(stderr, "virtual board: cannot add %s: %s\n", devnode.c_str(),
                      error ? error->message : "?");
         g_clear_error(&error);
+        placeMask(path);
         return std::string();
     }
     // The node umockdev made is a link to the slave side of its pty.
@@ -261,7 +382,7 @@ std::string Board::addNode(const std::string &devnode)
     NodeRecord entry;
     entry.syspath = "/sys" + devpath;
     entry.target = n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
-    nodes_[devnode] = entry;
+    tb.nodes[devnode] = entry;
     return entry.syspath;
 }
 
@@ -294,14 +415,15 @@ int Board::addSerialNode(const std::string &devnode)
 
 void Board::mask(const std::string &devnode)
 {
-    std::lock_guard<std::mutex> lock(nodesMutex_);
-    const std::string path = devPath(devnode);
+    std::lock_guard<std::mutex> lock(processTestbed().mutex);
+    placeMask(devPath(devnode));
+}
+
+void Board::removeNode(const std::string &devnode)
+{
+    std::lock_guard<std::mutex> lock(processTestbed().mutex);
     std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-    unlink(path.c_str());
-    if (symlink(kMaskTarget, path.c_str()) != 0)
-        std::fprintf(stderr, "virtual board: cannot mask %s: %s\n", devnode.c_str(),
-                     std::strerror(errno));
+    std::filesystem::remove_all(devPath(devnode), ec);
 }
 
 // ---------------------------------------------------------------- SerialLine

@@ -1,12 +1,22 @@
 /*
  * The virtual board: a umockdev testbed in which the module's /dev and /sys
- * paths resolve to simulated peripherals, plus a private board root for the
+ * paths resolve to simulated peripherals, plus the board root for the
  * module's other files (AVMANAGER_ROOT) and property store
- * (AVMANAGER_PROPERTY_DIR). The process must run under umockdev-wrapper.
+ * (AVMANAGER_PROPERTY_DIR = $AVMANAGER_ROOT/properties).
  *
- * Every peripheral node the module knows is masked when the board comes up
- * (a broken symlink in the testbed, so nothing falls through to the host's
- * real devices); a model claims its node when it is constructed.
+ * The process runs under tests/board-wrapper (scripts/run-board uses it
+ * too), which sets the whole environment before the program starts: the
+ * board never changes the environment, since other threads read it. The
+ * testbed is one per process, made by initBoardProcess() before any other
+ * thread starts and kept to the end; boards made one after the other in a
+ * process share it, and each starts from an empty root with every node
+ * masked.
+ *
+ * A masked node does not exist for the module (the board's preload shim
+ * answers ENOENT), and nothing reaches the host's own devices: under the
+ * board's /dev trees (serial ports, I2C, sound, hidraw, usbfs) a path the
+ * testbed lacks is absent too. A model claims its node when it is
+ * constructed.
  */
 #pragma once
 
@@ -55,6 +65,11 @@ private:
     std::function<void(const TraceEvent &)> listener_;
 };
 
+// Makes the process's testbed. Call it first thing in main, before any
+// thread exists: making a testbed sets UMOCKDEV_DIR. Aborts with a hint
+// when the board environment is missing. Board() calls it too.
+void initBoardProcess();
+
 class Board {
 public:
     Board();
@@ -62,8 +77,8 @@ public:
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;
 
-    // Board root: AVMANAGER_ROOT points here; the property store is
-    // root()/properties.
+    // Board root ($AVMANAGER_ROOT, emptied when the board is made); the
+    // property store is root()/properties.
     const std::string &root() const { return root_; }
     // An absolute device path as it lies under the root ("/tmp/x" ->
     // root()+"/tmp/x").
@@ -78,8 +93,13 @@ public:
     // Claims a masked node as a pty-backed serial line; returns the master
     // descriptor (owned by the board).
     int addSerialNode(const std::string &devnode);
-    // Hides a node again (a peripheral that was removed).
+    // Hides a node again (a peripheral that was removed): open, access and
+    // stat fail with ENOENT; it still shows in a listing of its directory.
     void mask(const std::string &devnode);
+    // Takes a node out of its directory (a USB device unplugged from its
+    // bus): it no longer lists either. Only for the board's own /dev trees
+    // (see above), where a missing node cannot fall through to the host.
+    void removeNode(const std::string &devnode);
     // Claims a node as an emulated device (pty-backed; an attached ioctl
     // handler takes its calls over); returns its sysfs path, "" on
     // failure. A node claimed again after mask() comes back as it was.
@@ -88,18 +108,10 @@ public:
     std::string devPath(const std::string &devnode) const;
 
 private:
-    // A node claimed once on this board.
-    struct NodeRecord {
-        std::string syspath; // its testbed device
-        std::string target;  // what the node links to when not masked
-    };
-
-    UMockdevTestbed *testbed_ = nullptr;
-    std::string testbedRoot_; // umockdev's directory (UMOCKDEV_DIR)
+    UMockdevTestbed *testbed_ = nullptr; // the process's testbed
+    std::string testbedRoot_;            // umockdev's directory (UMOCKDEV_DIR)
     std::string root_;
     Trace trace_;
-    std::mutex nodesMutex_;                     // guards nodes_ and the dev links
-    std::map<std::string, NodeRecord> nodes_;   // devnode -> its device
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module

@@ -74,10 +74,12 @@ TEST(AmpProgram, ThreeSuccessfulPresenceReadsOfFiveAreEnough)
 
 TEST(AmpProgram, WithFewerThanThreeSuccessfulPresenceReadsTheAd82120FittingIsUsed)
 {
-    AmpBoard b(AmpFitting::Acm8625);
-    b.amp.failEvery(1);
-    EXPECT_EQ(acm8625m_get_dev_status(), 0);
-    EXPECT_EQ(mDeviceExistStatus.load(), 0);
+    {
+        AmpBoard b(AmpFitting::Acm8625);
+        b.amp.failEvery(1);
+        EXPECT_EQ(acm8625m_get_dev_status(), 0);
+        EXPECT_EQ(mDeviceExistStatus.load(), 0);
+    }
     AmpBoard ad(AmpFitting::Ad82120);
     EXPECT_EQ(acm8625m_get_dev_status(), 0);
 }

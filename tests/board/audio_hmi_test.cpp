@@ -7,6 +7,7 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -298,17 +299,33 @@ TEST_F(AudioHmi, UsbMixerRefusingWritesIsReported)
     EXPECT_EQ(set_uac_mute(1), -1);
 }
 
-TEST_F(AudioHmi, UsbMixerOnDescriptorZeroIsFailureWithoutLogAndWithoutClose)
+// Only the mixer on the board, and no module thread: nothing but this
+// test's own thread opens a descriptor, so the number the test frees is
+// the one the mixer's open gets.
+class QuietMixerBoard : public ::testing::Test {
+protected:
+    avmtest::LogCapture log;
+    sim::Board board;
+    sim::UacMixer mixer{board};
+};
+
+TEST_F(QuietMixerBoard, UsbMixerOnDescriptorZeroIsFailureWithoutLogAndWithoutClose)
 {
-    int saved = dup(0);
+    // The pty behind the node, as the descriptor will show it (umockdev
+    // reports the node itself with the device numbers of its record).
+    struct stat node;
+    ASSERT_EQ(stat(board.devPath("/dev/snd/controlC2").c_str(), &node), 0);
+    const int saved = dup(0);
     ASSERT_GE(saved, 0);
     close(0);
-    log.clear();
-    int result = set_uac_volume(-9);
-    bool zeroStillOpen = fcntl(0, F_GETFD) != -1;
+    const int result = set_uac_volume(-9);
+    struct stat zero;
+    const bool zeroStillOpen = fstat(0, &zero) == 0;
+    const bool zeroIsTheMixer = zeroStillOpen && zero.st_rdev == node.st_rdev;
     // Put the test's own standard input back before asserting.
     dup2(saved, 0);
     close(saved);
+    EXPECT_TRUE(zeroIsTheMixer) << "the mixer's open did not get descriptor 0";
     EXPECT_EQ(result, -1);
     EXPECT_TRUE(zeroStillOpen);
     EXPECT_TRUE(mixer.calls().empty());

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <dirent.h>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <sys/stat.h>
 #include <termios.h>
 #include <thread>
+#include <vector>
 #include <unistd.h>
 
 #include "sim/board.h"
@@ -87,7 +89,7 @@ constexpr unsigned long kFakeValue = _IO('Z', 2);
 
 } // namespace
 
-TEST(BoardCore, SetsUpPrivateRootAndPropertyStore)
+TEST(BoardCore, UsesTheWrappersPrivateRootAndPropertyStore)
 {
     sim::Board board;
     ASSERT_FALSE(board.root().empty());
@@ -103,28 +105,124 @@ TEST(BoardCore, SetsUpPrivateRootAndPropertyStore)
     EXPECT_EQ(board.readFile("/mnt/vendor/param/audio/x/y.ini"), "[a]\nb=1\n");
 }
 
-TEST(BoardCore, RootIsRemovedWithTheBoard)
+TEST(BoardCore, ANewBoardStartsFromAnEmptyRoot)
 {
     std::string root;
     {
         sim::Board board;
         root = board.root();
         board.writeFile("/data/file", "x");
+        board.writeFile("/properties/persist.test.key", "1");
     }
+    sim::Board board;
+    EXPECT_EQ(board.root(), root);
     struct stat st;
-    EXPECT_NE(stat(root.c_str(), &st), 0);
+    EXPECT_NE(stat(board.rootPath("/data/file").c_str(), &st), 0);
+    EXPECT_NE(stat(board.rootPath("/properties/persist.test.key").c_str(), &st), 0);
+    EXPECT_EQ(stat(board.rootPath("/data").c_str(), &st), 0);
 }
 
 TEST(BoardCore, MaskedNodesCannotBeOpened)
 {
     sim::Board board;
-    for (const char *node : {"/dev/ttyS1", "/dev/ttyS2", "/dev/i2c-1", "/dev/snd/controlC2",
-                             "/dev/hidraw0", "/dev/hidraw9"}) {
+    std::vector<std::string> nodes = {"/dev/ttyS1", "/dev/ttyS2", "/dev/i2c-1", "/dev/snd/controlC2"};
+    for (int i = 0; i < 10; ++i)
+        nodes.push_back("/dev/hidraw" + std::to_string(i));
+    for (const auto &node : nodes) {
+        for (int flags : {O_RDWR, O_RDONLY, O_WRONLY}) {
+            errno = 0;
+            const int fd = open(node.c_str(), flags | O_NOCTTY | O_NONBLOCK);
+            EXPECT_EQ(fd, -1) << node;
+            EXPECT_EQ(errno, ENOENT) << node;
+            if (fd >= 0)
+                close(fd);
+        }
+        EXPECT_NE(access(node.c_str(), F_OK), 0) << node;
+        struct stat st;
+        EXPECT_NE(stat(node.c_str(), &st), 0) << node;
+    }
+}
+
+TEST(BoardCore, NodesTheBoardOwnsButDoesNotModelAreAbsent)
+{
+    sim::Board board;
+    // Legacy serial ports, other I2C adapters and sound cards, HID devices
+    // and USB devices of the host never show through.
+    for (const char *node : {"/dev/ttyS0", "/dev/ttyS3", "/dev/i2c-0", "/dev/snd/controlC0",
+                             "/dev/hidraw10", "/dev/bus/usb/001/001"}) {
         errno = 0;
-        const int fd = open(node, O_RDWR | O_NOCTTY | O_NONBLOCK);
-        EXPECT_EQ(fd, -1) << node;
+        EXPECT_EQ(open(node, O_RDWR | O_NOCTTY | O_NONBLOCK), -1) << node;
+        EXPECT_EQ(errno, ENOENT) << node;
+        EXPECT_NE(access(node, F_OK), 0) << node;
+    }
+}
+
+TEST(BoardCore, AMaskHidesANodeEveryHostHas)
+{
+    sim::Board board;
+    // /dev/zero is not in the testbed: umockdev hands the open to the host.
+    int fd = open("/dev/zero", O_RDONLY);
+    ASSERT_GE(fd, 0) << "the host has no /dev/zero";
+    char byte = 1;
+    EXPECT_EQ(read(fd, &byte, 1), 1);
+    close(fd);
+    board.mask("/dev/zero");
+    for (int flags : {O_RDONLY, O_WRONLY, O_RDWR}) {
+        errno = 0;
+        fd = open("/dev/zero", flags);
+        EXPECT_EQ(fd, -1);
+        EXPECT_EQ(errno, ENOENT);
         if (fd >= 0)
             close(fd);
+    }
+    EXPECT_NE(access("/dev/zero", F_OK), 0);
+    EXPECT_EQ(fopen("/dev/zero", "r"), nullptr);
+}
+
+TEST(BoardCore, ADanglingLinkWouldNotHideAHostNode)
+{
+    sim::Board board;
+    // Why masks are sockets: umockdev follows a link to decide whether a
+    // path is in the testbed, so a dangling one lets the host's node through.
+    ASSERT_EQ(symlink("/nonexistent/avm-board-node", board.devPath("/dev/full").c_str()), 0);
+    errno = 0;
+    const int fd = open("/dev/full", O_WRONLY);
+    EXPECT_GE(fd, 0);
+    if (fd >= 0) {
+        errno = 0;
+        EXPECT_EQ(write(fd, "x", 1), -1);
+        EXPECT_EQ(errno, ENOSPC); // the host's /dev/full answered
+        close(fd);
+    }
+}
+
+TEST(BoardCore, TheHostsUsbDevicesAreNeverListed)
+{
+    sim::Board board;
+    DIR *dir = opendir("/dev/bus/usb");
+    ASSERT_NE(dir, nullptr);
+    std::vector<std::string> entries;
+    while (dirent *entry = readdir(dir))
+        if (entry->d_name[0] != '.')
+            entries.push_back(entry->d_name);
+    closedir(dir);
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST(BoardCore, FailedOpensDoNotWearOutUmockdev)
+{
+    sim::Board board;
+    // umockdev keeps a 50-entry table that a failed /dev open used to fill
+    // for good; the board's preload shim frees each entry again.
+    for (int i = 0; i < 500; ++i) {
+        const int fd = open("/dev/hidraw3", O_RDWR);
+        ASSERT_EQ(fd, -1) << "attempt " << i;
+    }
+    sim::SerialLine line(board, "/dev/ttyS2", "dsp");
+    for (int i = 0; i < 60; ++i) {
+        const int fd = open("/dev/ttyS2", O_RDWR | O_NOCTTY | O_NONBLOCK);
+        ASSERT_GE(fd, 0) << "attempt " << i;
+        close(fd);
     }
 }
 
@@ -538,7 +636,7 @@ TEST(BoardCore, MaskHidesAnIoctlNode)
         close(fd);
 }
 
-TEST(BoardCore, TestbedDirectoryIsRemovedWithTheBoard)
+TEST(BoardCore, BoardsOfOneProcessShareTheTestbedAndStartMasked)
 {
     std::string testbedDir;
     {
@@ -546,10 +644,22 @@ TEST(BoardCore, TestbedDirectoryIsRemovedWithTheBoard)
         testbedDir = getenv("UMOCKDEV_DIR") ? getenv("UMOCKDEV_DIR") : "";
         ASSERT_FALSE(testbedDir.empty());
         sim::SerialLine line(board, "/dev/ttyS2", "dsp");
-        sim::IoctlNode node(board, "/dev/snd/controlC2", [](sim::IoctlCall &, int *) { return 0; });
+        const int fd = open("/dev/ttyS2", O_RDWR | O_NOCTTY | O_NONBLOCK);
+        EXPECT_GE(fd, 0);
+        if (fd >= 0)
+            close(fd);
     }
-    struct stat st;
-    EXPECT_NE(stat(testbedDir.c_str(), &st), 0);
+    sim::Board board;
+    EXPECT_STREQ(getenv("UMOCKDEV_DIR"), testbedDir.c_str());
+    errno = 0;
+    EXPECT_EQ(open("/dev/ttyS2", O_RDWR | O_NOCTTY | O_NONBLOCK), -1);
+    EXPECT_EQ(errno, ENOENT);
+    // Claimed again on the new board, the line works as before.
+    sim::SerialLine line(board, "/dev/ttyS2", "dsp");
+    const int fd = open("/dev/ttyS2", O_RDWR | O_NOCTTY | O_NONBLOCK);
+    EXPECT_GE(fd, 0);
+    if (fd >= 0)
+        close(fd);
 }
 
 TEST(BoardCore, ExpiringDeferredReadLetsAWriteOnTheSameDescriptorThrough)

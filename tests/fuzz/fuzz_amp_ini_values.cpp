@@ -12,34 +12,19 @@
 #include <android/log.h>
 
 #include "amp/amp_tuning.h"
+#include "process_env.h"
 
 namespace {
 
-std::string gRoot; // private root, removed at exit
-std::string gFile; // the floor file under the private root
-
-void removeRoot()
-{
-    std::error_code ec;
-    std::filesystem::remove_all(gRoot, ec);
-}
+std::string gFile; // the floor file under the process's private root
 
 void prepare()
 {
     if (!gFile.empty())
         return;
-    char dirTemplate[] = "/tmp/avm-fuzz-amp-XXXXXX";
-    const char *dir = mkdtemp(dirTemplate);
-    if (dir == nullptr)
-        abort();
-    gRoot = dir;
-    atexit(removeRoot);
-    setenv("AVMANAGER_ROOT", dir, 1);
-    const std::string audio = gRoot + "/mnt/vendor/param/audio";
+    const std::string audio = avmtest::processRoot() + "/mnt/vendor/param/audio";
     std::filesystem::create_directories(audio);
     gFile = audio + "/amp_RL_FLOOR.ini";
-    // The parse logs every missing row; keep the run quiet.
-    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
 }
 
 // Splits the text into values (at newlines) and hands them out to the

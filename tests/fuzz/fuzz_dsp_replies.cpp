@@ -8,12 +8,8 @@
 #include <string>
 
 #include "dsp/dsp_replies.h"
-#include "log_capture.h"
 
 namespace {
-
-// The handlers store properties: keep them in a private store.
-const avmtest::TempPropertyStore gProperties;
 
 const char *const kPrefixes[] = {"VS=", "MV=", "MT=", "PER_STAT=", "BAL_LEFT=", "BAL_RIGHT=",
                                  "USER_EQ", "USER_EQ[", "AOM=", "VER_FULL=", "MIC_DOA_REP=",

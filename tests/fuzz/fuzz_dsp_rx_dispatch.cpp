@@ -16,24 +16,19 @@
 #include <sys/stat.h>
 
 #include "dsp/dsp_link.h"
-#include "log_capture.h"
+#include "process_env.h"
 #include "module_on_board.h"
 
 namespace {
 
-// Handlers store properties and may post requests: keep both in a private
-// root, and make descriptor 0 (the request pipe before the link is up) a
-// harmless sink.
-struct PrivateRoot {
-    PrivateRoot()
-    {
-        setenv("AVMANAGER_ROOT", properties.dir().c_str(), 1);
-        mkdir((properties.dir() + "/tmp").c_str(), 0755);
-        avmtest::sinkDescriptorZero();
-    }
-    const avmtest::TempPropertyStore properties;
-};
-const PrivateRoot gRoot;
+// Handlers store properties and may post requests: both land in the
+// process's private root (fuzz_env.cpp), and descriptor 0 (the request pipe
+// before the link is up) is made a harmless sink before the first input.
+bool prepareRoot()
+{
+    mkdir((avmtest::processRoot() + "/tmp").c_str(), 0755);
+    return avmtest::sinkDescriptorZero();
+}
 
 constexpr int kVersionRow = 2;
 
@@ -41,6 +36,8 @@ constexpr int kVersionRow = 2;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    static const bool ready = prepareRoot();
+    (void)ready;
     DspRequest chunk;
     memset(&chunk, 0, sizeof(chunk));
     size_t used = 0;

@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <vector>
 
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 int main(int argc, char **argv)
 {
+    LLVMFuzzerInitialize(&argc, &argv);
     long rounds = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 10000;
     uint64_t x = 0x9E3779B97F4A7C15ull;
     auto next = [&x]() { x ^= x << 13; x ^= x >> 7; x ^= x << 17; return x; };

@@ -1,6 +1,7 @@
 #include "log_capture.h"
 
 #include <android/log.h>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -8,18 +9,33 @@
 
 #include <cutils/properties.h>
 
+#include "process_env.h"
+
 namespace avmtest {
 
 namespace {
 
 std::mutex gMutex;
-std::vector<LogLine> gLines;
+std::vector<LogLine> gLines;     // guarded by gMutex
+std::atomic<int> gCaptures{0};   // live LogCapture objects
 
-void captureLogger(const struct __android_logger_data *data, const char *message)
+} // namespace
+
+// liblog's logger for the whole test program (installed once by
+// installLogCapture): lines go to the capture while a LogCapture lives,
+// to stderr otherwise. The logger itself is never swapped while threads
+// run.
+void captureLine(const struct __android_logger_data *data, const char *message)
 {
+    if (gCaptures.load(std::memory_order_acquire) == 0) {
+        __android_log_stderr_logger(data, message);
+        return;
+    }
     std::lock_guard<std::mutex> lock(gMutex);
     gLines.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
 }
+
+namespace {
 
 std::string makeTempDir(const char *prefix)
 {
@@ -35,15 +51,12 @@ std::string makeTempDir(const char *prefix)
 
 LogCapture::LogCapture()
 {
+    installLogCapture();
     clear();
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-    __android_log_set_logger(captureLogger);
+    gCaptures.fetch_add(1, std::memory_order_acq_rel);
 }
 
-LogCapture::~LogCapture()
-{
-    __android_log_set_logger(__android_log_stderr_logger);
-}
+LogCapture::~LogCapture() { gCaptures.fetch_sub(1, std::memory_order_acq_rel); }
 
 std::vector<LogLine> LogCapture::lines() const
 {
@@ -90,35 +103,6 @@ int LogCapture::priorityOf(const std::string &tag, const std::string &text) cons
         if (l.tag == tag && l.text == text)
             return l.priority;
     return -1;
-}
-
-TempPropertyStore::TempPropertyStore() : dir_(makeTempDir("avm-props-"))
-{
-    setenv("AVMANAGER_PROPERTY_DIR", dir_.c_str(), 1);
-}
-
-TempPropertyStore::~TempPropertyStore()
-{
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-}
-
-void TempPropertyStore::set(const std::string &key, const std::string &value)
-{
-    if (property_set(key.c_str(), value.c_str()) != 0)
-        abort();
-}
-
-std::string TempPropertyStore::get(const std::string &key) const
-{
-    char value[PROPERTY_VALUE_MAX];
-    property_get(key.c_str(), value, "");
-    return value;
-}
-
-bool TempPropertyStore::isSet(const std::string &key) const
-{
-    return std::filesystem::exists(dir_ + "/" + key);
 }
 
 TempDir::TempDir() : path_(makeTempDir("avm-dir-")) {}

@@ -1,7 +1,8 @@
 /*
  * Captures every line the module logs through liblog (tag, priority,
- * text), for assertions. Installs itself as liblog's logger and lowers the
- * minimum priority so debug lines are kept; restores stderr on destruction.
+ * text), for assertions, while a LogCapture lives; debug lines are kept.
+ * The logger is installed once per process (installLogCapture, from main)
+ * and never swapped, since module threads log at any time.
  */
 #pragma once
 
@@ -9,6 +10,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "process_env.h"
 
 namespace avmtest {
 
@@ -32,21 +35,6 @@ public:
     bool waitFor(const std::string &tag, const std::string &part, std::chrono::milliseconds timeout) const;
     // Priority of the first line with this tag and exact text, or -1.
     int priorityOf(const std::string &tag, const std::string &text) const;
-};
-
-// A fresh, private property store for one test (AVMANAGER_PROPERTY_DIR),
-// removed on destruction.
-class TempPropertyStore {
-public:
-    TempPropertyStore();
-    ~TempPropertyStore();
-    const std::string &dir() const { return dir_; }
-    void set(const std::string &key, const std::string &value);
-    std::string get(const std::string &key) const; // "" when unset
-    bool isSet(const std::string &key) const;
-
-private:
-    std::string dir_;
 };
 
 // A fresh temporary directory, removed with its contents on destruction.

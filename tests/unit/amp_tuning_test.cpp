@@ -29,8 +29,6 @@ std::string repoRoot()
 
 class AmpTuning : public ::testing::Test {
 protected:
-    void SetUp() override { setenv("AVMANAGER_ROOT", root.path().c_str(), 1); }
-
     void write(const std::string &absolute, const std::string &content)
     {
         const std::filesystem::path path = root.path() + absolute;
@@ -58,7 +56,7 @@ protected:
         return out;
     }
 
-    avmtest::TempDir root;
+    avmtest::FreshRoot root;
     avmtest::LogCapture log;
 };
 

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,8 +30,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using avmtest::LogCapture;
-using avmtest::TempDir;
-using avmtest::TempPropertyStore;
+using avmtest::FreshRoot;
+using avmtest::FreshPropertyStore;
 using Clock = std::chrono::steady_clock;
 
 struct Posted {
@@ -60,14 +61,11 @@ class AudioCommands : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root_.path().c_str(), 1);
-        ASSERT_EQ(mkdir((root_.path() + "/tmp").c_str(), 0777), 0);
         ASSERT_EQ(dsp_mkfifo_init(), 0);
     }
-    void TearDown() override { unsetenv("AVMANAGER_ROOT"); }
 
-    TempPropertyStore props_;
-    TempDir root_;
+    FreshPropertyStore props_;
+    FreshRoot root_;
     LogCapture log_;
 };
 
@@ -583,13 +581,12 @@ class AudioCommandsWithoutPipe : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root_.path().c_str(), 1);
+        std::filesystem::remove_all(root_.path() + "/tmp");
         ASSERT_EQ(dsp_mkfifo_init(), -1);
     }
-    void TearDown() override { unsetenv("AVMANAGER_ROOT"); }
 
-    TempPropertyStore props_;
-    TempDir root_;
+    FreshPropertyStore props_;
+    FreshRoot root_;
     LogCapture log_;
 };
 

@@ -11,7 +11,7 @@
 namespace {
 
 using avmtest::LogCapture;
-using avmtest::TempPropertyStore;
+using avmtest::FreshPropertyStore;
 
 TEST(AudioReplies, SpdifLevelOfMinus65IsStored)
 {
@@ -217,7 +217,7 @@ TEST(AudioReplies, BalanceAndLedRepliesAreAcceptedAndNotStored)
 
 TEST(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "1");
     props.set("persist.vendor.cam.communication", "0");
     EXPECT_EQ(dsp_parse_doa("90"), 0);
@@ -225,7 +225,7 @@ TEST(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
 
 TEST(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "0");
     props.set("persist.vendor.cam.communication", "1");
     EXPECT_EQ(dsp_parse_doa("90"), 0);
@@ -233,7 +233,7 @@ TEST(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
 
 TEST(AudioReplies, AudioOutModeReplyIsStoredAsSent)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     EXPECT_EQ(dsp_parse_audio_out_mode("LINEOUT"), 1);
     EXPECT_EQ(props.get("persist.zel.dsp.audioOutMode"), "LINEOUT");
     EXPECT_EQ(audioOutModeReplied.load(), 1);
@@ -243,7 +243,7 @@ TEST(AudioReplies, AudioOutModeReplyIsStoredAsSent)
 
 TEST(AudioReplies, AudioOutModeTooLongForAPropertyStillRaisesTheFlag)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     props.set("persist.zel.dsp.audioOutMode", "EARPHONE");
     EXPECT_EQ(dsp_parse_audio_out_mode(std::string(200, 'X').c_str()), 1);
     EXPECT_EQ(props.get("persist.zel.dsp.audioOutMode"), "EARPHONE");
@@ -252,7 +252,7 @@ TEST(AudioReplies, AudioOutModeTooLongForAPropertyStillRaisesTheFlag)
 
 TEST(AudioReplies, FullVersionWritesVersionAndUpdatePropertiesAndLogs)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     LogCapture log;
     props.set("persist.sys.dune.update", "1");
     dsp_fullVersion_update("VER_FULL=DSP-2.4.17 (made up)");
@@ -265,7 +265,7 @@ TEST(AudioReplies, FullVersionWritesVersionAndUpdatePropertiesAndLogs)
 
 TEST(AudioReplies, FullVersionTooLongForAPropertyFailsSilently)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     props.set("persist.sys.dune.version", "old");
     std::string text = "VER_FULL=" + std::string(600, 'v');
     dsp_fullVersion_update(text.c_str());
@@ -275,7 +275,7 @@ TEST(AudioReplies, FullVersionTooLongForAPropertyFailsSilently)
 
 TEST(AudioReplies, ShortTextsDoNotReadPastTheirEnd)
 {
-    TempPropertyStore props;
+    FreshPropertyStore props;
     EXPECT_EQ(dsp_main_dbVol_update("M"), 1); // empty value reads as 0.0 dB
     EXPECT_EQ(dsp_mainMute_status_update("M"), 1);
     dsp_fullVersion_update("VER");

@@ -116,8 +116,6 @@ class DspLinkTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root.path().c_str(), 1);
-        ASSERT_EQ(mkdir((root.path() + "/tmp").c_str(), 0755), 0);
         // Descriptor 0 is written to before the pipe exists: keep it harmless.
         ASSERT_TRUE(avmtest::sinkDescriptorZero());
         {
@@ -156,7 +154,7 @@ protected:
     }
 
     avmtest::LogCapture log;
-    avmtest::TempDir root;
+    avmtest::FreshRoot root;
     int port[2] = {-1, -1};
 };
 

@@ -32,8 +32,6 @@ class Restore : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root.path().c_str(), 1);
-        mkdir((root.path() + "/tmp").c_str(), 0777);
         ASSERT_EQ(dsp_mkfifo_init(), 0);
     }
 
@@ -60,8 +58,8 @@ protected:
     }
 
 
-    avmtest::TempDir root;
-    avmtest::TempPropertyStore props;
+    avmtest::FreshRoot root;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
 };
 

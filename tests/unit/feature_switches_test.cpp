@@ -27,7 +27,7 @@ const SwitchCase kValues[] = {
 
 TEST(FeatureSwitches, AValueCountsAsOnExactlyWhenItStartsWithOne)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     for (const auto &c : kValues) {
         props.set("persist.vendor.floor_wall", c.value);
         EXPECT_EQ(enableAudioWallFloorProp(), c.expected) << '"' << c.value << '"';
@@ -36,7 +36,7 @@ TEST(FeatureSwitches, AValueCountsAsOnExactlyWhenItStartsWithOne)
 
 TEST(FeatureSwitches, MissingPropertiesReadAsOff)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     EXPECT_EQ(enableCameraCommunication(), 0);
     EXPECT_EQ(enableDspCommunication(), 0);
@@ -50,7 +50,7 @@ TEST(FeatureSwitches, MissingPropertiesReadAsOff)
 
 TEST(FeatureSwitches, CachedSwitchesReadAndLogOnceWithTheirPropertyKeys)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     props.set("persist.vendor.cam.communication", "1abc");
     props.set("persist.vendor.dsp.communication", "10");
@@ -68,7 +68,7 @@ TEST(FeatureSwitches, CachedSwitchesReadAndLogOnceWithTheirPropertyKeys)
 
 TEST(FeatureSwitches, DspSwitchSetToOneAfterTheFirstQueryHasNoEffectUntilRestart)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     props.set("persist.vendor.dsp.communication", "0");
     EXPECT_EQ(enableDspCommunication(), 0);
@@ -81,7 +81,7 @@ TEST(FeatureSwitches, DspSwitchSetToOneAfterTheFirstQueryHasNoEffectUntilRestart
 
 TEST(FeatureSwitches, CameraAndDoaSwitchesAreCachedToo)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     props.set("persist.vendor.cam.communication", "1");
     props.set("persist.sys.dsp.sendDoaToCamera", "0");
     EXPECT_EQ(enableCameraCommunication(), 1);
@@ -94,7 +94,7 @@ TEST(FeatureSwitches, CameraAndDoaSwitchesAreCachedToo)
 
 TEST(FeatureSwitches, FloorWallChangeBetweenTwoCallsTakesEffectAtOnce)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     props.set("persist.vendor.floor_wall", "0");
     EXPECT_EQ(enableAudioWallFloorProp(), 0);
@@ -113,7 +113,7 @@ TEST(FeatureSwitches, FloorWallChangeBetweenTwoCallsTakesEffectAtOnce)
 
 TEST(FeatureSwitches, ConcurrentFirstCallsAgreeOnTheValue)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     props.set("persist.vendor.dsp.communication", "1");
     std::vector<std::thread> threads;

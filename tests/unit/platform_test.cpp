@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <sys/stat.h>
 #include <dirent.h>
@@ -52,7 +54,7 @@ std::string run(const std::string &command)
 
 TEST(PropertyStore, UnsetPropertyReadsAsTheDefaultOrEmpty)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     char value[PROPERTY_VALUE_MAX] = "junk";
     EXPECT_EQ(property_get("persist.test.unset", value, "dflt"), 4);
     EXPECT_STREQ(value, "dflt");
@@ -62,7 +64,7 @@ TEST(PropertyStore, UnsetPropertyReadsAsTheDefaultOrEmpty)
 
 TEST(PropertyStore, ValueIsOneFileNamedAsTheKeyWithoutTrailingNewline)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ASSERT_EQ(property_set("persist.zel.dsp.volumeVal", "40"), 0);
     EXPECT_EQ(fileContent(props.dir() + "/persist.zel.dsp.volumeVal"), "40");
     char value[PROPERTY_VALUE_MAX];
@@ -72,7 +74,7 @@ TEST(PropertyStore, ValueIsOneFileNamedAsTheKeyWithoutTrailingNewline)
 
 TEST(PropertyStore, ReplacingAValueLeavesNoTemporaryFileBehind)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ASSERT_EQ(property_set("a.key", "first"), 0);
     ASSERT_EQ(property_set("a.key", "second"), 0);
     EXPECT_EQ(fileContent(props.dir() + "/a.key"), "second");
@@ -87,7 +89,7 @@ TEST(PropertyStore, ReplacingAValueLeavesNoTemporaryFileBehind)
 
 TEST(PropertyStore, ValueOf91CharactersIsKeptAnd92IsRefused)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     const std::string longest(PROPERTY_VALUE_MAX - 1, 'v');
     ASSERT_EQ(property_set("k.longest", longest.c_str()), 0);
     char value[PROPERTY_VALUE_MAX];
@@ -103,7 +105,7 @@ TEST(PropertyStore, ValueOf91CharactersIsKeptAnd92IsRefused)
 
 TEST(PropertyStore, KeysThatWouldLeaveTheStoreAreRefused)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     EXPECT_LT(property_set("../escape", "x"), 0);
     EXPECT_LT(property_set("", "x"), 0);
     EXPECT_LT(property_set(nullptr, "x"), 0);
@@ -113,7 +115,7 @@ TEST(PropertyStore, KeysThatWouldLeaveTheStoreAreRefused)
 
 TEST(PropertyStore, ToolsInAnotherProcessShareTheStore)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ASSERT_EQ(property_set("persist.vendor.dsp.communication", "1"), 0);
     EXPECT_EQ(run(toolPath("getprop") + " persist.vendor.dsp.communication"), "1\n");
     ASSERT_EQ(std::system((toolPath("setprop") + " vendor.camera.test debug").c_str()), 0);
@@ -123,29 +125,47 @@ TEST(PropertyStore, ToolsInAnotherProcessShareTheStore)
     EXPECT_NE(std::system((toolPath("setprop") + " k " + std::string(PROPERTY_VALUE_MAX, 'x') + " 2>/dev/null").c_str()), 0);
 }
 
-TEST(PathHelper, ResolvesModulePathsUnderTheBoardRoot)
+// The path helper and the loader read the environment; they run in a
+// probe process with the environment each case needs.
+std::vector<std::string> probeLines(const std::string &probe, const std::vector<std::string> &args,
+                                    const std::vector<std::string> &env)
 {
-    setenv("AVMANAGER_ROOT", "/tmp/board-root", 1);
-    char out[128];
-    EXPECT_STREQ(avm_path("/tmp/.DSP_fifo", out, sizeof out), "/tmp/board-root/tmp/.DSP_fifo");
-    EXPECT_STREQ(avm_path("/mnt/vendor/param/audio/pid_amp.ini", out, sizeof out),
-                 "/tmp/board-root/mnt/vendor/param/audio/pid_amp.ini");
-    // /dev and /sys are redirected by umockdev, not by the helper.
-    EXPECT_STREQ(avm_path("/dev/ttyS2", out, sizeof out), "/dev/ttyS2");
-    EXPECT_STREQ(avm_path("/sys/bus/usb/devices", out, sizeof out), "/sys/bus/usb/devices");
-    EXPECT_STREQ(avm_path("/devices/x", out, sizeof out), "/tmp/board-root/devices/x");
-    unsetenv("AVMANAGER_ROOT");
+    std::vector<std::string> argv = {probe};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const avmtest::ChildResult result = avmtest::runChild(argv, env);
+    EXPECT_EQ(result.exitCode, 0) << result.output << result.errors;
+    std::vector<std::string> lines;
+    std::istringstream in(result.output);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
 }
 
-TEST(PathHelper, IsTheIdentityWithoutABoardRootAndAlwaysTerminates)
+TEST(PathHelper, ResolvesModulePathsUnderTheBoardRoot)
 {
-    unsetenv("AVMANAGER_ROOT");
-    char out[16];
-    EXPECT_STREQ(avm_path("/tmp/.DSP_fifo", out, sizeof out), "/tmp/.DSP_fifo");
-    setenv("AVMANAGER_ROOT", "/a/very/long/board/root", 1);
-    avm_path("/tmp/.DSP_fifo", out, sizeof out);
-    EXPECT_EQ(std::string(out).size(), sizeof out - 1);
-    unsetenv("AVMANAGER_ROOT");
+    const auto lines = probeLines(toolPath("platform_probe"),
+                                  {"path", "128", "/tmp/.DSP_fifo", "/mnt/vendor/param/audio/pid_amp.ini",
+                                   "/dev/ttyS2", "/sys/bus/usb/devices", "/devices/x"},
+                                  {"AVMANAGER_ROOT=/tmp/board-root"});
+    const std::vector<std::string> expected = {
+        "/tmp/board-root/tmp/.DSP_fifo", "/tmp/board-root/mnt/vendor/param/audio/pid_amp.ini",
+        // /dev and /sys are redirected by umockdev, not by the helper.
+        "/dev/ttyS2", "/sys/bus/usb/devices", "/tmp/board-root/devices/x"};
+    EXPECT_EQ(lines, expected);
+}
+
+TEST(PathHelper, IsTheIdentityWithoutABoardRoot)
+{
+    EXPECT_EQ(probeLines(toolPath("platform_probe"), {"path", "16", "/tmp/.DSP_fifo"}, {}),
+              std::vector<std::string>{"/tmp/.DSP_fifo"});
+}
+
+TEST(PathHelper, AlwaysTerminatesWithinTheBuffer)
+{
+    const auto lines = probeLines(toolPath("platform_probe"), {"path", "16", "/tmp/.DSP_fifo"},
+                                  {"AVMANAGER_ROOT=/a/very/long/board/root"});
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], std::string("/a/very/long/board/root").substr(0, 15));
 }
 
 TEST(ModuleLoader, FindsTheModuleAndChecksTagAndId)
@@ -173,11 +193,18 @@ TEST(ModuleLoader, UnknownIdIsNotFound)
 
 TEST(ModuleLoader, SearchesEveryDirectoryOfTheHalPath)
 {
-    const std::string dirs = getenv("AVMANAGER_HAL_PATH");
-    setenv("AVMANAGER_HAL_PATH", ("/nonexistent:" + dirs).c_str(), 1);
-    const hw_module_t *module = nullptr;
-    EXPECT_EQ(hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module), 0);
-    setenv("AVMANAGER_HAL_PATH", dirs.c_str(), 1);
+    // A probe away from the build's output directory, so only the search
+    // path can lead the loader to the module.
+    avmtest::TempDir elsewhere;
+    const std::string probe = elsewhere.path() + "/platform_probe";
+    std::filesystem::copy_file(toolPath("platform_probe"), probe);
+    std::filesystem::permissions(probe, std::filesystem::perms::owner_all);
+    const std::string out = getenv("AVMANAGER_HAL_PATH");
+    EXPECT_EQ(probeLines(probe, {"module", AVMANAGER_HARDWARE_MODULE_ID}, {"AVMANAGER_HAL_PATH=/nonexistent"}),
+              std::vector<std::string>{std::to_string(-ENOENT)});
+    EXPECT_EQ(probeLines(probe, {"module", AVMANAGER_HARDWARE_MODULE_ID},
+                         {"AVMANAGER_HAL_PATH=/nonexistent:" + out}),
+              std::vector<std::string>{"0"});
 }
 
 TEST(ModuleRecord, HoldsTheFiftyOperationsInSlotOrderAfterEightZeroWords)

@@ -207,7 +207,7 @@ TEST(PtzFrame, ChecksumOfNothingIsZero)
 
 TEST(PtzFrame, ProductModelComesFromTheProductProperty)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     props.set("persist.vendor.product.model", "Quorum X7");
     props.set("ro.product.vendor.model", "fallback");
@@ -222,7 +222,7 @@ TEST(PtzFrame, ProductModelComesFromTheProductProperty)
 
 TEST(PtzFrame, ProductModelFallsBackToVendorModel)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     props.set("ro.product.vendor.model", "VM-2");
     PtzPacket pkt = buildFrame(PTZ_CMD_GET_PRODUCT_MODEL, 0);
     EXPECT_EQ(pkt.length, 4);
@@ -231,7 +231,7 @@ TEST(PtzFrame, ProductModelFallsBackToVendorModel)
 
 TEST(PtzFrame, ProductModelLongerThanFiftySixIsCut)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     const std::string longModel(80, 'M');
     props.set("persist.vendor.product.model", longModel);
     PtzPacket pkt = buildFrame(PTZ_CMD_GET_PRODUCT_MODEL, 0);
@@ -241,7 +241,7 @@ TEST(PtzFrame, ProductModelLongerThanFiftySixIsCut)
 
 TEST(PtzFrame, ProductModelWithoutKnownChannelQueuesNothing)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ASSERT_EQ(initCameraPipe(), 0);
     buildFrame(PTZ_CMD_GET_PRODUCT_MODEL, 0);
     // Only the marker below is in the pipe.
@@ -255,7 +255,7 @@ TEST(PtzFrame, ProductModelWithoutKnownChannelQueuesNothing)
 
 TEST(PtzFrame, ProductModelRequeuesTheKnownUsbChannel)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ASSERT_EQ(initCameraPipe(), 0);
     ASSERT_EQ(ptz_send_usb_channel_info(3), 1);
     uint32_t type = 0, value = 0;
@@ -269,7 +269,7 @@ TEST(PtzFrame, ProductModelRequeuesTheKnownUsbChannel)
 
 TEST(PtzFrame, DoaStatusAnswerIsZeroWhenTheDspSaysNothing)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     PtzPacket pkt = buildFrame(PTZ_CMD_GET_DOA_STATUS, 0);
     EXPECT_EQ(pkt.main, 0x21);
     EXPECT_EQ(pkt.sub, 0x15);
@@ -279,7 +279,7 @@ TEST(PtzFrame, DoaStatusAnswerIsZeroWhenTheDspSaysNothing)
 
 TEST(PtzFrame, DebugLevelLogsThePayloadOfEverySend)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     buildFrame(PTZ_CMD_SEND_DOA, 0x1234);
     EXPECT_EQ(log.countContaining("PTZ", "PTZ_CMD_SEND("), 0u);

@@ -185,7 +185,7 @@ TEST(PtzLinkFraming, SecondEntryBehavesTheSame)
 
 TEST(PtzLinkDispatch, CameraInitiatedFrameIsAnsweredBeforeItsHandlerRuns)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     feed(frame(0x20, 0x00));
     // No line here: the answer's write fails, but it is attempted first.
@@ -229,7 +229,7 @@ TEST(PtzLinkSend, UnknownPipeMessageTypeIsLoggedAndDropped)
 
 TEST(PtzLinkDebug, LevelIsTheFirstDigitOfTheProperty)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ptzHalInitDebugLevel();
     EXPECT_EQ(ptzHalGetDebugLevel(), 0);
     props.set("persist.vendor.cam.debuglevel", "3");
@@ -242,7 +242,7 @@ TEST(PtzLinkDebug, LevelIsTheFirstDigitOfTheProperty)
 
 TEST(PtzLinkDebug, SetLevelPersistsIt)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     ptzHalSetDebugLevel(1);
     EXPECT_EQ(ptzHalGetDebugLevel(), 1);
     EXPECT_EQ(props.get("persist.vendor.cam.debuglevel"), "1");
@@ -252,7 +252,7 @@ TEST(PtzLinkDebug, SetLevelPersistsIt)
 
 TEST(PtzLinkDebug, LevelOneLogsDecodedReplyValues)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     ptzHalSetDebugLevel(1);
     feed(frame(0x20, 0xBB, {7}));
@@ -263,15 +263,10 @@ class PtzFifo : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root.path().c_str(), 1);
         std::filesystem::create_directories(root.path() + "/mnt/expand");
     }
-    void TearDown() override
-    {
-        ptz_mkfifo_exit();
-        unsetenv("AVMANAGER_ROOT");
-    }
-    avmtest::TempDir root;
+    void TearDown() override { ptz_mkfifo_exit(); }
+    avmtest::FreshRoot root;
     avmtest::LogCapture log;
 };
 

@@ -104,7 +104,7 @@ TEST(PtzReplies, BlackScreenWithUnexpectedLengthGivesZeroAndLogsTheLength)
 
 TEST(PtzReplies, DebugLevelLogsTheDecodedFlags)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     ptzHalSetDebugLevel(1);
     feed(0x20, 0xF5, {1});
@@ -157,7 +157,7 @@ TEST(PtzReplies, FunclistCopiesTheLengthByteAndAllFiftySixBytes)
 
 TEST(PtzReplies, FunclistDebugLinesRepeatForEveryByteCopied)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     ptzHalSetDebugLevel(1);
     feed(0x31, 0xFF, {0xA, 0xB, 0xC});
@@ -167,7 +167,7 @@ TEST(PtzReplies, FunclistDebugLinesRepeatForEveryByteCopied)
 
 TEST(PtzRequestsWithoutCamera, QueriesReturnTheirDefaults)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     EXPECT_EQ(ptz_get_autotest_status(), -1);
     EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
     EXPECT_EQ(ptz_get_cam_limit_max_temperature(), 0xFFFFFFFFu);
@@ -179,7 +179,7 @@ TEST(PtzRequestsWithoutCamera, QueriesReturnTheirDefaults)
 
 TEST(PtzRequestsWithoutCamera, StaleReplyIsNeverReturnedByALaterQuery)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     feed(0x20, 0xBB, {50});
     feed(0x21, 0x09, {1});
     feed(0x20, 0xF5, {1});
@@ -190,7 +190,7 @@ TEST(PtzRequestsWithoutCamera, StaleReplyIsNeverReturnedByALaterQuery)
 
 TEST(PtzRequestsWithoutCamera, IspEnvReturnsOneAndLeavesThePairWhenSendingFails)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     feed(0x21, 0x11, {9, 0, 0, 0, 1, 0, 0, 0, 1});
     int32_t pair[2] = {-7, -8};
     EXPECT_EQ(ptz_get_isp_env(pair), 1);
@@ -200,7 +200,7 @@ TEST(PtzRequestsWithoutCamera, IspEnvReturnsOneAndLeavesThePairWhenSendingFails)
 
 TEST(PtzRequestsWithoutCamera, SettersReturnZeroWhenNothingIsSent)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     EXPECT_EQ(ptz_set_smart_listen_report_status(1), 0);
     EXPECT_TRUE(log.contains("PTZ", "ptz_set_smart_listen_report_status, status : 1 \n"));
@@ -212,7 +212,7 @@ TEST(PtzRequestsWithoutCamera, SettersReturnZeroWhenNothingIsSent)
 
 TEST(PtzRequestsWithoutCamera, FollowSoundSourceOnStopsAfterTheFirstFailedCommand)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     EXPECT_EQ(ptz_set_cam_follow_sound_source_mode(1), 0);
     EXPECT_TRUE(log.contains("PTZ", "ptz_set_cam_follow_sound_source_mode, status : 1 \n"));
@@ -245,7 +245,7 @@ TEST(PtzRequestsPipe, UsbChannelIsRecordedEvenWithoutAPipe)
 
 TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
     avmtest::clearRecordedStatuses();
     ptz_set_camera_status_callback(avmtest::recordStatus);
@@ -258,7 +258,7 @@ TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
 
 TEST(PtzCameraStatus, NullCallbackStopsTheCalls)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::clearRecordedStatuses();
     ptz_set_camera_status_callback(avmtest::recordStatus);
     ptz_set_camera_status_callback(nullptr);
@@ -268,7 +268,7 @@ TEST(PtzCameraStatus, NullCallbackStopsTheCalls)
 
 TEST(PtzCameraStatus, OpenFrameSetsTheFlagAndCallsBack)
 {
-    avmtest::TempPropertyStore props;
+    avmtest::FreshPropertyStore props;
     avmtest::clearRecordedStatuses();
     ptz_set_camera_status_callback(avmtest::recordStatus);
     EXPECT_EQ(ptz_cam_is_open(), 0u);

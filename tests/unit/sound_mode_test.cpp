@@ -20,7 +20,6 @@ class SoundModeUnit : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("AVMANAGER_ROOT", root.path().c_str(), 1);
         // Without a link a request goes to descriptor 0: make that fail.
         int ro = open("/dev/null", O_RDONLY);
         ASSERT_GE(ro, 0);
@@ -35,8 +34,8 @@ protected:
         std::ofstream(path) << content;
     }
 
-    avmtest::TempPropertyStore props;
-    avmtest::TempDir root;
+    avmtest::FreshPropertyStore props;
+    avmtest::FreshRoot root;
     avmtest::LogCapture log;
 };
 

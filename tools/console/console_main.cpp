@@ -251,12 +251,16 @@ int main(int argc, char **argv)
         }
     }
 
+    // Process-wide set-up before any thread: the testbed (which sets
+    // UMOCKDEV_DIR) and liblog's logger. The environment came from
+    // scripts/run-board.
+    sim::initBoardProcess();
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger(printLog);
     int status = 0;
     {
         sim::Board board;
         board.trace().setListener(printEvent);
-        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-        __android_log_set_logger(printLog);
         ModelSet models;
         buildModels(board, models);
         if (camSwitch.empty())

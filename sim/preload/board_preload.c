@@ -1,0 +1,179 @@
+/*
+ * Preloaded ahead of umockdev's library on the virtual board (by
+ * tests/board-wrapper). Two jobs:
+ *
+ * 1. Hide what the board does not model. umockdev redirects a /dev path
+ *    into the testbed only when it exists there; anything else goes to the
+ *    host's own /dev, so a test could open a workstation's serial ports,
+ *    I2C adapters, sound cards, HID devices or USB devices. Here a /dev
+ *    path does not exist (ENOENT, for open, access, stat and fopen alike,
+ *    as for a device that is not there) when its testbed entry is a mask
+ *    (a socket, see Board::mask), or when the entry is missing and the
+ *    path lies where the board owns every node: serial ports, I2C, sound,
+ *    hidraw and usbfs.
+ *
+ * 2. umockdev 0.17 records every open of a /dev path in a table of 50
+ *    descriptors, a failed open included (as descriptor -1), and only a
+ *    close() of that descriptor frees the entry; nobody closes -1, so
+ *    after about 50 failed opens in one process umockdev aborts. After
+ *    each failed open of a /dev path that reached umockdev, this shim
+ *    closes -1 once, which frees exactly the entry that open added (or
+ *    nothing when it added none).
+ */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+/* Looked up by the board to make sure the shim is in place. */
+const int avm_board_preload_active = 1;
+
+/* /dev paths where every node is the board's: missing means absent. */
+static const char *const kBoardOwned[] = {
+    "/dev/ttyS", "/dev/i2c-", "/dev/snd/", "/dev/hidraw", "/dev/bus/usb/",
+};
+
+static int board_owned(const char *path)
+{
+    for (size_t i = 0; i < sizeof kBoardOwned / sizeof kBoardOwned[0]; ++i)
+        if (strncmp(path, kBoardOwned[i], strlen(kBoardOwned[i])) == 0)
+            return 1;
+    return 0;
+}
+
+/* Whether a /dev path is hidden from the program (errno untouched). */
+static int hidden(const char *path)
+{
+    if (path == NULL || strncmp(path, "/dev/", 5) != 0)
+        return 0;
+    const char *testbed = getenv("UMOCKDEV_DIR");
+    if (testbed == NULL || *testbed == '\0')
+        return 0;
+    char entry[PATH_MAX];
+    const int n = snprintf(entry, sizeof entry, "%s%s", testbed, path);
+    if (n < 0 || (size_t)n >= sizeof entry)
+        return 0;
+    const int saved = errno;
+    struct stat st;
+    const int rc = fstatat(AT_FDCWD, entry, &st, 0);
+    errno = saved;
+    if (rc != 0)
+        return board_owned(path);
+    return S_ISSOCK(st.st_mode);
+}
+
+static void *next_symbol(void **slot, const char *name)
+{
+    void *fn = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
+    if (fn == NULL) {
+        fn = dlsym(RTLD_NEXT, name);
+        __atomic_store_n(slot, fn, __ATOMIC_RELEASE);
+    }
+    return fn;
+}
+
+static void release_failed_open(const char *path, int ret)
+{
+    if (ret >= 0 || path == NULL || strncmp(path, "/dev/", 5) != 0)
+        return;
+    const int saved = errno;
+    close(-1);
+    errno = saved;
+}
+
+static mode_t mode_arg(int flags, va_list ap)
+{
+    return (flags & (O_CREAT | O_TMPFILE)) ? va_arg(ap, mode_t) : 0;
+}
+
+typedef int (*open_fn)(const char *, int, ...);
+typedef int (*open2_fn)(const char *, int);
+typedef int (*access_fn)(const char *, int);
+typedef int (*stat_fn)(const char *, struct stat *);
+typedef int (*stat64_fn)(const char *, struct stat64 *);
+typedef FILE *(*fopen_fn)(const char *, const char *);
+
+/* The next definition of `name` (umockdev's), as `type` in `fn`. */
+#define NEXT(type, name)                                                 \
+    static void *next_##name;                                            \
+    const type fn = (type)next_symbol(&next_##name, #name);              \
+    if (fn == NULL) {                                                    \
+        errno = ENOSYS;                                                  \
+        return FAIL;                                                     \
+    }
+
+#define FAIL -1
+#define WRAP_OPEN(name)                                                  \
+    int name(const char *path, int flags, ...)                           \
+    {                                                                    \
+        va_list ap;                                                      \
+        va_start(ap, flags);                                             \
+        const mode_t mode = mode_arg(flags, ap);                         \
+        va_end(ap);                                                      \
+        if (hidden(path)) {                                              \
+            errno = ENOENT;                                              \
+            return -1;                                                   \
+        }                                                                \
+        NEXT(open_fn, name)                      \
+        const int ret = fn(path, flags, mode);                           \
+        release_failed_open(path, ret);                                  \
+        return ret;                                                      \
+    }
+
+#define WRAP_OPEN2(name)                                                 \
+    int name(const char *path, int flags)                                \
+    {                                                                    \
+        if (hidden(path)) {                                              \
+            errno = ENOENT;                                              \
+            return -1;                                                   \
+        }                                                                \
+        NEXT(open2_fn, name)                           \
+        const int ret = fn(path, flags);                                 \
+        release_failed_open(path, ret);                                  \
+        return ret;                                                      \
+    }
+
+#define WRAP_PATH_CALL(name, argtype, fntype)                                    \
+    int name(const char *path, argtype arg)                              \
+    {                                                                    \
+        if (hidden(path)) {                                              \
+            errno = ENOENT;                                              \
+            return -1;                                                   \
+        }                                                                \
+        NEXT(fntype, name)                       \
+        return fn(path, arg);                                            \
+    }
+
+WRAP_OPEN(open)
+WRAP_OPEN(open64)
+WRAP_OPEN2(__open_2)
+WRAP_OPEN2(__open64_2)
+WRAP_PATH_CALL(access, int, access_fn)
+WRAP_PATH_CALL(stat, struct stat *, stat_fn)
+WRAP_PATH_CALL(lstat, struct stat *, stat_fn)
+WRAP_PATH_CALL(stat64, struct stat64 *, stat64_fn)
+WRAP_PATH_CALL(lstat64, struct stat64 *, stat64_fn)
+
+#undef FAIL
+#define FAIL NULL
+#define WRAP_FOPEN(name)                                                 \
+    FILE *name(const char *path, const char *mode)                       \
+    {                                                                    \
+        if (hidden(path)) {                                              \
+            errno = ENOENT;                                              \
+            return NULL;                                                 \
+        }                                                                \
+        NEXT(fopen_fn, name)               \
+        return fn(path, mode);                                           \
+    }
+
+WRAP_FOPEN(fopen)
+WRAP_FOPEN(fopen64)

@@ -1,0 +1,203 @@
+#include "process_env.h"
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+
+#include <cutils/properties.h>
+
+namespace avmtest {
+
+void captureLine(const struct __android_logger_data *data, const char *message); // log_capture.cpp
+
+namespace {
+
+// Directories every board root carries for the module's own files.
+constexpr const char *kRootDirs[] = {
+    "/tmp", "/mnt/expand", "/mnt/vendor/param/audio", "/system/etc/dsp_config",
+    "/data", "/properties",
+};
+
+std::string gMadeRoot; // set by initProcessRoot before any thread, read after
+
+void emptyDirectory(const std::string &dir)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    for (const auto &entry : std::filesystem::directory_iterator(dir, ec))
+        std::filesystem::remove_all(entry.path(), ec);
+}
+
+std::string requiredEnv(const char *name)
+{
+    const char *value = getenv(name);
+    if (!value || !*value) {
+        std::fprintf(stderr, "%s is not set: the test program's main sets it up "
+                             "(initProcessRoot, or tests/board-wrapper for board tests)\n",
+                     name);
+        std::abort();
+    }
+    return value;
+}
+
+} // namespace
+
+std::string initProcessRoot()
+{
+    char tmpl[] = "/tmp/avm-test-XXXXXX";
+    if (!mkdtemp(tmpl)) {
+        std::perror("mkdtemp");
+        std::abort();
+    }
+    gMadeRoot = tmpl;
+    const std::string props = gMadeRoot + "/properties";
+    std::filesystem::create_directories(props);
+    // No thread exists yet: this is the only place a test program changes
+    // its environment.
+    setenv("AVMANAGER_ROOT", gMadeRoot.c_str(), 1);
+    setenv("AVMANAGER_PROPERTY_DIR", props.c_str(), 1);
+    installLogCapture();
+    return gMadeRoot;
+}
+
+void removeProcessRoot()
+{
+    if (gMadeRoot.empty())
+        return;
+    std::error_code ec;
+    std::filesystem::remove_all(gMadeRoot, ec);
+}
+
+std::string processRoot() { return requiredEnv("AVMANAGER_ROOT"); }
+
+void installLogCapture()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+        __android_log_set_logger(captureLine);
+    });
+}
+
+FreshRoot::FreshRoot() : path_(processRoot())
+{
+    emptyDirectory(path_);
+    std::error_code ec;
+    for (const char *dir : kRootDirs)
+        std::filesystem::create_directories(path_ + dir, ec);
+}
+
+FreshRoot::~FreshRoot() { emptyDirectory(path_); }
+
+FreshPropertyStore::FreshPropertyStore() : dir_(requiredEnv("AVMANAGER_PROPERTY_DIR"))
+{
+    emptyDirectory(dir_);
+}
+
+FreshPropertyStore::~FreshPropertyStore() { emptyDirectory(dir_); }
+
+void FreshPropertyStore::set(const std::string &key, const std::string &value)
+{
+    if (property_set(key.c_str(), value.c_str()) != 0)
+        std::abort();
+}
+
+std::string FreshPropertyStore::get(const std::string &key) const
+{
+    char value[PROPERTY_VALUE_MAX];
+    property_get(key.c_str(), value, "");
+    return value;
+}
+
+bool FreshPropertyStore::isSet(const std::string &key) const
+{
+    return std::filesystem::exists(dir_ + "/" + key);
+}
+
+ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+{
+    ChildResult result;
+    if (argv.empty())
+        return result;
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0)
+        return result;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]);
+        close(out[1]);
+        return result;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+    std::vector<char *> args;
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    std::vector<char *> envp;
+    for (const auto &e : env)
+        envp.push_back(const_cast<char *>(e.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    close(err[1]);
+    if (rc == 0) {
+        // Both pipes at once, so a child filling one cannot stall on it.
+        struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+        std::string *sinks[2] = {&result.output, &result.errors};
+        int open = 2;
+        while (open > 0) {
+            if (poll(fds, 2, -1) < 0) {
+                if (errno == EINTR)
+                    continue;
+                break;
+            }
+            for (int i = 0; i < 2; ++i) {
+                if (fds[i].fd < 0 || fds[i].revents == 0)
+                    continue;
+                char buf[4096];
+                const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+                if (n > 0) {
+                    sinks[i]->append(buf, static_cast<size_t>(n));
+                } else if (n == 0 || errno != EINTR) {
+                    fds[i].fd = -1;
+                    --open;
+                }
+            }
+        }
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        if (WIFEXITED(status))
+            result.exitCode = WEXITSTATUS(status);
+    } else {
+        result.errors = std::string("posix_spawn: ") + std::strerror(rc);
+    }
+    close(out[0]);
+    close(err[0]);
+    return result;
+}
+
+std::string selfPath()
+{
+    char path[PATH_MAX] = {};
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    return n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
+}
+
+} // namespace avmtest
