@@ -23,6 +23,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <pthread.h>
 
 #include <android/log.h>
@@ -276,3 +277,40 @@ void parseAmp_RL_Meeting_Info(void)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+extern "C" void ampTuning_resetForTest(void)
+{
+    ampTablesLock();
+    std::memset(m_reg_tab_RL_pid, 0, sizeof m_reg_tab_RL_pid);
+    std::memset(m_reg_tab_SUB_pid, 0, sizeof m_reg_tab_SUB_pid);
+    std::memset(m_ram1_tab_RL_pid, 0, sizeof m_ram1_tab_RL_pid);
+    std::memset(m_ram2_tab_RL_pid, 0, sizeof m_ram2_tab_RL_pid);
+    std::memset(m_ram1_tab_SUB_pid, 0, sizeof m_ram1_tab_SUB_pid);
+    std::memset(m_ram2_tab_SUB_pid, 0, sizeof m_ram2_tab_SUB_pid);
+    std::memset(m_reg_tab_RL_floor, 0, sizeof m_reg_tab_RL_floor);
+    std::memset(m_reg_tab_SUB_floor, 0, sizeof m_reg_tab_SUB_floor);
+    std::memset(m_ram1_tab_RL_floor, 0, sizeof m_ram1_tab_RL_floor);
+    std::memset(m_ram2_tab_RL_floor, 0, sizeof m_ram2_tab_RL_floor);
+    std::memset(m_ram1_tab_SUB_floor, 0, sizeof m_ram1_tab_SUB_floor);
+    std::memset(m_ram2_tab_SUB_floor, 0, sizeof m_ram2_tab_SUB_floor);
+    std::memset(tab_L_RL_floor, 0, sizeof tab_L_RL_floor);
+    std::memset(tab_R_RL_floor, 0, sizeof tab_R_RL_floor);
+    std::memset(tab_L_SUB_floor, 0, sizeof tab_L_SUB_floor);
+    std::memset(tab_R_SUB_floor, 0, sizeof tab_R_SUB_floor);
+    std::memset(m_reg_tab_RL_wall, 0, sizeof m_reg_tab_RL_wall);
+    std::memset(m_reg_tab_SUB_wall, 0, sizeof m_reg_tab_SUB_wall);
+    std::memset(m_ram1_tab_RL_wall, 0, sizeof m_ram1_tab_RL_wall);
+    std::memset(m_ram2_tab_RL_wall, 0, sizeof m_ram2_tab_RL_wall);
+    std::memset(m_ram1_tab_SUB_wall, 0, sizeof m_ram1_tab_SUB_wall);
+    std::memset(m_ram2_tab_SUB_wall, 0, sizeof m_ram2_tab_SUB_wall);
+    std::memset(tab_L_RL_wall, 0, sizeof tab_L_RL_wall);
+    std::memset(tab_R_RL_wall, 0, sizeof tab_R_RL_wall);
+    std::memset(tab_L_SUB_wall, 0, sizeof tab_L_SUB_wall);
+    std::memset(tab_R_SUB_wall, 0, sizeof tab_R_SUB_wall);
+    std::memset(m_reg_tab_RL_meeting, 0, sizeof m_reg_tab_RL_meeting);
+    std::memset(m_ram1_tab_RL_meeting, 0, sizeof m_ram1_tab_RL_meeting);
+    std::memset(m_ram2_tab_RL_meeting, 0, sizeof m_ram2_tab_RL_meeting);
+    ampTablesUnlock();
+}
+#endif

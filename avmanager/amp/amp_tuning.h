@@ -77,6 +77,12 @@ void parseAmp_RL_Meeting_Info(void);
 void ampTablesLock(void);
 void ampTablesUnlock(void);
 
+#ifdef AVM_HOST_BUILD
+/* Zeroes every table, as at process start. Only tests call it (a test
+ * program runs many tests in one process). */
+void ampTuning_resetForTest(void);
+#endif
+
 #ifdef __cplusplus
 }
 #endif

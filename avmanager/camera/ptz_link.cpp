@@ -569,3 +569,13 @@ int ptz_mkfifo_write(uint32_t cmd, uint32_t value)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void ptzLink_resetForTest()
+{
+    for (auto &flag : gPtzAckFlags)
+        flag.store(0, std::memory_order_relaxed);
+    std::memset(&gPtzRxPacket, 0, sizeof gPtzRxPacket);
+    gPtzDebugLevel.store(0, std::memory_order_relaxed);
+}
+#endif

@@ -63,4 +63,9 @@ int ptz_mkfifo_write(uint32_t cmd, uint32_t value);
 extern std::atomic<uint8_t> gPtzAckFlags[PTZ_CMD_MAX];
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Clears every acknowledgement flag, the receive frame and the debug level, as at process start. Only tests call it (a test program runs many tests in one process).
+void ptzLink_resetForTest();
+#endif
+
 #endif

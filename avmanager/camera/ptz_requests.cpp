@@ -414,3 +414,22 @@ void ptz_respond_get_auto_black_screen(uint32_t, const PtzPacket *pkt)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void ptzRequests_resetForTest()
+{
+    gAutotestSlot = kNoAutotest;
+    gIspEnvSlot = {};
+    gAngleListenModelSlot = 0;
+    gElectronicPtzStatusSlot = 0;
+    gElectronicPtzModeSlot = 0;
+    gTemperatureSlot = kNoTemperature;
+    std::memset(gFunclistSlot, 0, sizeof gFunclistSlot);
+    gSupportBlackScreenSlot = 0;
+    gAutoBlackScreenSlot = 0;
+    mCameraStatusCallback.store(nullptr);
+    gCamIsOpen.store(0);
+    gSmartListenReport.store(0);
+    gUsbChannelInfo.store(PTZ_USB_CHANNEL_NONE);
+}
+#endif

@@ -80,4 +80,9 @@ extern PtzResponse gPtzAutoBlackScreenResponse;
 extern std::atomic<uint32_t> gUsbChannelInfo;
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Puts every reply slot, the camera-open state, the reporting switches and the status callback back as at process start. Only tests call it (a test program runs many tests in one process).
+void ptzRequests_resetForTest();
+#endif
+
 #endif

@@ -376,3 +376,11 @@ int dspHal_get_hotPlug(int peripheral_id)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void dspAudio_resetForTest()
+{
+    g_volume.store(0);
+    g_mute.store(0);
+}
+#endif

@@ -59,4 +59,9 @@ extern std::atomic<int> g_volume;
 extern std::atomic<uint8_t> g_mute;
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Puts the current volume and mute back as at process start. Only tests call it (a test program runs many tests in one process).
+void dspAudio_resetForTest();
+#endif
+
 #endif

@@ -579,3 +579,14 @@ int dsp_process_deinit(void)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void dspLink_resetForTest()
+{
+    for (std::atomic<int32_t> *end : {&gDspFifoDev.writeFd, &gDspFifoDev.readFd}) {
+        const int32_t fd = end->exchange(0);
+        if (fd > STDERR_FILENO && fd != gDspFifoDev.writeFd.load() && fd != gDspFifoDev.readFd.load())
+            close(fd);
+    }
+}
+#endif

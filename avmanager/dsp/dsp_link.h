@@ -123,4 +123,9 @@ extern std::atomic_flag initParameterLock;
 }
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Closes the request pipe's ends and puts them back at descriptor 0, as at process start; the link itself must be down. Only tests call it (a test program runs many tests in one process).
+void dspLink_resetForTest();
+#endif
+
 #endif

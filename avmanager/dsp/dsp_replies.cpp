@@ -302,3 +302,28 @@ int splitDataFormat(const char *text, char *out, size_t outSize, const char *del
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void dspReplies_resetForTest()
+{
+    spdifDbReply = 0.0f;
+    spdifDbReplied = 0;
+    mainDbReply = 0.0f;
+    mainDbReplied = 0;
+    mainMuteReply = 0;
+    mainMuteReplied = 0;
+    doaReportReply = 0;
+    doaReportReplied = 0;
+    hotPlugState = 0;
+    hotPlugReplied = 0;
+    audioOutModeReplied = 0;
+    for (unsigned band = 0; band < kUserEqBands; ++band) {
+        userEqInfo[band].index = 0;
+        userEqInfo[band].type = 0;
+        userEqInfo[band].freq = 0;
+        userEqInfo[band].gain = 0.0f;
+        userEqInfo[band].q = 0.0f;
+        userEqInfoReplied[band] = 0;
+    }
+}
+#endif

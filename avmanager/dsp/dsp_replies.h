@@ -78,6 +78,12 @@ extern std::atomic<uint8_t> userEqInfoReplied[kUserEqBands];    // per band; rx 
 // overflow. Shared by every DSP unit that reads numbers from replies or
 // properties.
 int dspParseInt(const char *text);
+
+#ifdef AVM_HOST_BUILD
+// Puts every reply cache and flag back to its value at process start. Only
+// tests call it (a test program runs many tests in one process).
+void dspReplies_resetForTest();
+#endif
 #endif
 
 #endif

@@ -269,3 +269,11 @@ int dspHal_get_spk_eq_mode(void)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void dspSoundModes_resetForTest()
+{
+    g_soundMode.store(0);
+    FirstTime.store(1);
+}
+#endif

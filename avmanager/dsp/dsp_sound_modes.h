@@ -31,4 +31,9 @@ int dspHal_get_spk_eq_mode(void);
 }
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Puts the current sound mode and the first-time flag back as at process start. Only tests call it (a test program runs many tests in one process).
+void dspSoundModes_resetForTest();
+#endif
+
 #endif

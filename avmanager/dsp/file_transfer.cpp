@@ -486,3 +486,14 @@ int file_xfer_verify(const char *file, const FileXferInfo *expected)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+extern "C" void fileTransfer_resetForTest(void)
+{
+    for (auto &entry : gFileOpsInfoList) {
+        entry.replied.store(0, std::memory_order_relaxed);
+        entry.accepted.store(0, std::memory_order_relaxed);
+    }
+    file_xfer_descriptor_reset();
+}
+#endif

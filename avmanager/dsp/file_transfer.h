@@ -125,6 +125,12 @@ int file_xfer_move(const char *from, const char *to);
 int file_xfer_del(const char *path);
 int file_xfer_verify(const char *file, const FileXferInfo *expected);
 
+#ifdef AVM_HOST_BUILD
+/* Clears every answer flag and the descriptor, as at process start. Only
+ * tests call it (a test program runs many tests in one process). */
+void fileTransfer_resetForTest(void);
+#endif
+
 #ifdef __cplusplus
 }
 #endif

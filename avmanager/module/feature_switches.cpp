@@ -73,4 +73,12 @@ int enableAudioWallFloorProp(void)
     return value;
 }
 
+#ifdef AVM_HOST_BUILD
+void featureSwitches_resetForTest(void)
+{
+    for (CachedSwitch *sw : {&gCameraSwitch, &gDspSwitch, &gDoaSwitch})
+        sw->value.store(kUnknown, std::memory_order_relaxed);
+}
+#endif
+
 }

@@ -14,6 +14,12 @@ int enableDspCommunication(void);
 int enableSendDoaToCamera(void);
 int enableAudioWallFloorProp(void);
 
+#ifdef AVM_HOST_BUILD
+/* Forgets the cached switches, as a restart of the service does. Only tests
+ * call it (a test program runs many tests in one process). */
+void featureSwitches_resetForTest(void);
+#endif
+
 #ifdef __cplusplus
 }
 #endif

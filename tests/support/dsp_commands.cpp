@@ -40,4 +40,20 @@ DspRequest receivedChunk(const std::string &bytes)
     return r;
 }
 
+std::ostream &operator<<(std::ostream &os, const PostedRequest &request)
+{
+    return os << "{" << request.cmd << ", \"" << request.text << "\"}";
+}
+
+std::vector<PostedRequest> drainPostedRequests()
+{
+    std::vector<PostedRequest> out;
+    DspRequest request;
+    while (dsp_mkfifo_read(&request) > 0) {
+        request.text[DSP_REQUEST_TEXT_SIZE - 1] = '\0';
+        out.push_back({request.cmd, request.text});
+    }
+    return out;
+}
+
 } // namespace avmtest

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,5 +28,17 @@ std::vector<std::string> without(const std::vector<std::string> &commands, const
 // the bytes in the text (not terminated when they fill it), their count
 // in length.
 DspRequest receivedChunk(const std::string &bytes);
+
+// One request the module posted into the DSP pipe.
+struct PostedRequest {
+    int32_t cmd;
+    std::string text;
+    bool operator==(const PostedRequest &) const = default;
+};
+std::ostream &operator<<(std::ostream &os, const PostedRequest &request);
+
+// Every request waiting in the DSP pipe (made by dsp_mkfifo_init, whose
+// read end does not block), in order; the pipe is empty afterwards.
+std::vector<PostedRequest> drainPostedRequests();
 
 } // namespace avmtest

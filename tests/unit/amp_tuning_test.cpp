@@ -13,6 +13,7 @@
 #include <android/log.h>
 
 #include "log_capture.h"
+#include "module_state.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ std::string repoRoot()
     return here;
 }
 
-class AmpTuning : public ::testing::Test {
+class AmpTuning : public avmtest::FreshModule {
 protected:
     void write(const std::string &absolute, const std::string &content)
     {

@@ -23,7 +23,9 @@
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_pickup.h"
 #include "dsp/dsp_replies.h"
+#include "dsp_commands.h"
 #include "log_capture.h"
+#include "module_state.h"
 #include "module_on_board.h"
 
 namespace {
@@ -34,33 +36,15 @@ using avmtest::FreshRoot;
 using avmtest::FreshPropertyStore;
 using Clock = std::chrono::steady_clock;
 
-struct Posted {
-    int32_t cmd;
-    std::string text;
-    bool operator==(const Posted &) const = default;
-};
+using Posted = avmtest::PostedRequest;
 
-std::ostream &operator<<(std::ostream &os, const Posted &p)
-{
-    return os << "{" << p.cmd << ", \"" << p.text << "\"}";
-}
+std::vector<Posted> drainPipe() { return avmtest::drainPostedRequests(); }
 
-// Reads every record waiting in the pipe.
-std::vector<Posted> drainPipe()
-{
-    std::vector<Posted> out;
-    DspRequest request;
-    while (dsp_mkfifo_read(&request) > 0) {
-        request.text[DSP_REQUEST_TEXT_SIZE - 1] = '\0';
-        out.push_back({request.cmd, request.text});
-    }
-    return out;
-}
-
-class AudioCommands : public ::testing::Test {
+class AudioCommands : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         ASSERT_EQ(dsp_mkfifo_init(), 0);
     }
 
@@ -577,10 +561,11 @@ TEST_F(AudioCommands, EqInfoQueryWithoutReplyIsNull)
 // ------------------------------------------------------- pipe unavailable
 
 // Without the board's /tmp the pipe cannot be created, so every post fails.
-class AudioCommandsWithoutPipe : public ::testing::Test {
+class AudioCommandsWithoutPipe : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         std::filesystem::remove_all(root_.path() + "/tmp");
         ASSERT_EQ(dsp_mkfifo_init(), -1);
     }

@@ -13,14 +13,20 @@ namespace {
 using avmtest::LogCapture;
 using avmtest::FreshPropertyStore;
 
-TEST(AudioReplies, SpdifLevelOfMinus65IsStored)
+// Every test starts from the reply caches as they are at process start.
+class AudioReplies : public ::testing::Test {
+protected:
+    void SetUp() override { dspReplies_resetForTest(); }
+};
+
+TEST_F(AudioReplies, SpdifLevelOfMinus65IsStored)
 {
     EXPECT_EQ(dsp_spdif_dbVol_update("VS=-65.00"), 1);
     EXPECT_EQ(spdifDbReplied.load(), 1);
     EXPECT_EQ(spdifDbReply.load(), -65.0f);
 }
 
-TEST(AudioReplies, SpdifLevelBelowMinus65OrAboveZeroIsIgnored)
+TEST_F(AudioReplies, SpdifLevelBelowMinus65OrAboveZeroIsIgnored)
 {
     dsp_spdif_dbVol_update("VS=-20.50");
     spdifDbReplied = 0;
@@ -30,7 +36,7 @@ TEST(AudioReplies, SpdifLevelBelowMinus65OrAboveZeroIsIgnored)
     EXPECT_EQ(spdifDbReply.load(), -20.5f);
 }
 
-TEST(AudioReplies, MainLevelInRangeIsStoredWithItsFlag)
+TEST_F(AudioReplies, MainLevelInRangeIsStoredWithItsFlag)
 {
     EXPECT_EQ(dsp_main_dbVol_update("MV=-9.10"), 1);
     EXPECT_EQ(mainDbReplied.load(), 1);
@@ -39,7 +45,7 @@ TEST(AudioReplies, MainLevelInRangeIsStoredWithItsFlag)
     EXPECT_EQ(mainDbReply.load(), 0.0f);
 }
 
-TEST(AudioReplies, NonNumericOrHugeLevelChangesNothing)
+TEST_F(AudioReplies, NonNumericOrHugeLevelChangesNothing)
 {
     EXPECT_EQ(dsp_main_dbVol_update("MV=abc"), 1); // atof gives 0.0: a valid level
     EXPECT_EQ(mainDbReplied.load(), 1);
@@ -53,7 +59,7 @@ TEST(AudioReplies, NonNumericOrHugeLevelChangesNothing)
     EXPECT_EQ(mainDbReply.load(), -30.0f);
 }
 
-TEST(AudioReplies, NullTextGivesZeroAndChangesNothing)
+TEST_F(AudioReplies, NullTextGivesZeroAndChangesNothing)
 {
     EXPECT_EQ(dsp_spdif_dbVol_update(nullptr), 0);
     EXPECT_EQ(dsp_main_dbVol_update(nullptr), 0);
@@ -73,7 +79,7 @@ TEST(AudioReplies, NullTextGivesZeroAndChangesNothing)
         EXPECT_EQ(flag.load(), 0);
 }
 
-TEST(AudioReplies, MuteRepliesZeroAndOneAreStored)
+TEST_F(AudioReplies, MuteRepliesZeroAndOneAreStored)
 {
     EXPECT_EQ(dsp_mainMute_status_update("MT=1"), 1);
     EXPECT_EQ(mainMuteReply.load(), 1);
@@ -82,14 +88,14 @@ TEST(AudioReplies, MuteRepliesZeroAndOneAreStored)
     EXPECT_EQ(mainMuteReply.load(), 0);
 }
 
-TEST(AudioReplies, MuteReplyWithValueTwoLeavesTheFlagUnchanged)
+TEST_F(AudioReplies, MuteReplyWithValueTwoLeavesTheFlagUnchanged)
 {
     EXPECT_EQ(dsp_mainMute_status_update("MT=2"), 1);
     EXPECT_EQ(mainMuteReplied.load(), 0);
     EXPECT_EQ(mainMuteReply.load(), 0);
 }
 
-TEST(AudioReplies, DoaReportStatusOnAndOff)
+TEST_F(AudioReplies, DoaReportStatusOnAndOff)
 {
     EXPECT_EQ(dsp_doa_status_update("MIC_DOA_REP=1"), 1);
     EXPECT_EQ(doaReportReply.load(), 1);
@@ -104,7 +110,7 @@ TEST(AudioReplies, DoaReportStatusOnAndOff)
     EXPECT_EQ(doaReportReplied.load(), 0);
 }
 
-TEST(AudioReplies, HotPlugOneCommaOneSetsTheFlagButNotTheState)
+TEST_F(AudioReplies, HotPlugOneCommaOneSetsTheFlagButNotTheState)
 {
     LogCapture log;
     hotPlugState = 5;
@@ -116,7 +122,7 @@ TEST(AudioReplies, HotPlugOneCommaOneSetsTheFlagButNotTheState)
               ANDROID_LOG_INFO);
 }
 
-TEST(AudioReplies, HotPlugOneCommaBlankOneStoresStateOne)
+TEST_F(AudioReplies, HotPlugOneCommaBlankOneStoresStateOne)
 {
     LogCapture log;
     EXPECT_EQ(dsp_hotPlug_status_update("PER_STAT=1, 1"), 1);
@@ -125,14 +131,14 @@ TEST(AudioReplies, HotPlugOneCommaBlankOneStoresStateOne)
     EXPECT_TRUE(log.contains("DSP", "dsp_hotPlug_status_update per_id 1 hotplug_stat 1"));
 }
 
-TEST(AudioReplies, HotPlugLoneOneStoresStateZero)
+TEST_F(AudioReplies, HotPlugLoneOneStoresStateZero)
 {
     hotPlugState = 1;
     EXPECT_EQ(dsp_hotPlug_status_update("PER_STAT=1"), 1);
     EXPECT_EQ(hotPlugState.load(), 0);
 }
 
-TEST(AudioReplies, HotPlugOtherPeripheralIsLoggedButNotStored)
+TEST_F(AudioReplies, HotPlugOtherPeripheralIsLoggedButNotStored)
 {
     LogCapture log;
     hotPlugState = 7;
@@ -142,7 +148,7 @@ TEST(AudioReplies, HotPlugOtherPeripheralIsLoggedButNotStored)
     EXPECT_TRUE(log.contains("DSP", "dsp_hotPlug_status_update per_id 2 hotplug_stat 1"));
 }
 
-TEST(AudioReplies, HotPlugWithoutTokensGivesZero)
+TEST_F(AudioReplies, HotPlugWithoutTokensGivesZero)
 {
     EXPECT_EQ(dsp_hotPlug_status_update("PER_STAT="), 0);
     EXPECT_EQ(dsp_hotPlug_status_update("PER_STAT=,,,"), 0);
@@ -150,7 +156,7 @@ TEST(AudioReplies, HotPlugWithoutTokensGivesZero)
     EXPECT_EQ(hotPlugReplied.load(), 0);
 }
 
-TEST(AudioReplies, HotPlugManyLongTokensStayInsideTheWorkBuffer)
+TEST_F(AudioReplies, HotPlugManyLongTokensStayInsideTheWorkBuffer)
 {
     std::string text = "PER_STAT=";
     for (int i = 0; i < 60; ++i)
@@ -159,7 +165,7 @@ TEST(AudioReplies, HotPlugManyLongTokensStayInsideTheWorkBuffer)
     EXPECT_EQ(hotPlugReplied.load(), 1);
 }
 
-TEST(AudioReplies, UserEqIndexThreeFillsBandThreeAndItsFlag)
+TEST_F(AudioReplies, UserEqIndexThreeFillsBandThreeAndItsFlag)
 {
     dsp_parse_EQInfo("USER_EQ[3]=1,1000,2.5,0.7");
     EXPECT_EQ(userEqInfoReplied[3].load(), 1);
@@ -175,14 +181,14 @@ TEST(AudioReplies, UserEqIndexThreeFillsBandThreeAndItsFlag)
     }
 }
 
-TEST(AudioReplies, UserEqIndexEightStoresNothing)
+TEST_F(AudioReplies, UserEqIndexEightStoresNothing)
 {
     dsp_parse_EQInfo("USER_EQ[8]=1,1000,2.5,0.7");
     for (auto &flag : userEqInfoReplied)
         EXPECT_EQ(flag.load(), 0);
 }
 
-TEST(AudioReplies, UserEqNegativeIndexIsIgnored)
+TEST_F(AudioReplies, UserEqNegativeIndexIsIgnored)
 {
     dsp_parse_EQInfo("USER_EQ[-1]=1,1000,2.5,0.7");
     dsp_parse_EQInfo("USER_EQ[-2147483648]=1,1000,2.5,0.7");
@@ -190,7 +196,7 @@ TEST(AudioReplies, UserEqNegativeIndexIsIgnored)
         EXPECT_EQ(flag.load(), 0);
 }
 
-TEST(AudioReplies, UserEqFieldsNotScannedStayZero)
+TEST_F(AudioReplies, UserEqFieldsNotScannedStayZero)
 {
     dsp_parse_EQInfo("USER_EQ[5]=2,440");
     EXPECT_EQ(userEqInfoReplied[5].load(), 1);
@@ -200,7 +206,7 @@ TEST(AudioReplies, UserEqFieldsNotScannedStayZero)
     EXPECT_EQ(userEqInfo[5].q.load(), 0.0f);
 }
 
-TEST(AudioReplies, UserEqTextThatIsNotABandLineReportsBandZeroAsZero)
+TEST_F(AudioReplies, UserEqTextThatIsNotABandLineReportsBandZeroAsZero)
 {
     userEqInfo[0].freq = 123;
     dsp_parse_EQInfo("USER_EQ=?");
@@ -208,14 +214,14 @@ TEST(AudioReplies, UserEqTextThatIsNotABandLineReportsBandZeroAsZero)
     EXPECT_EQ(userEqInfo[0].freq.load(), 0);
 }
 
-TEST(AudioReplies, BalanceAndLedRepliesAreAcceptedAndNotStored)
+TEST_F(AudioReplies, BalanceAndLedRepliesAreAcceptedAndNotStored)
 {
     EXPECT_EQ(dsp_balance_status_update(3, "BAL_LEFT=0.50"), 1);
     EXPECT_EQ(dsp_balance_status_update(4, "BAL_RIGHT=1.00"), 1);
     EXPECT_EQ(dsp_led_status_update("LS=1"), 1);
 }
 
-TEST(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
+TEST_F(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
 {
     FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "1");
@@ -223,7 +229,7 @@ TEST(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
     EXPECT_EQ(dsp_parse_doa("90"), 0);
 }
 
-TEST(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
+TEST_F(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
 {
     FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "0");
@@ -231,7 +237,7 @@ TEST(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
     EXPECT_EQ(dsp_parse_doa("90"), 0);
 }
 
-TEST(AudioReplies, AudioOutModeReplyIsStoredAsSent)
+TEST_F(AudioReplies, AudioOutModeReplyIsStoredAsSent)
 {
     FreshPropertyStore props;
     EXPECT_EQ(dsp_parse_audio_out_mode("LINEOUT"), 1);
@@ -241,7 +247,7 @@ TEST(AudioReplies, AudioOutModeReplyIsStoredAsSent)
     EXPECT_EQ(props.get("persist.zel.dsp.audioOutMode"), "speaker");
 }
 
-TEST(AudioReplies, AudioOutModeTooLongForAPropertyStillRaisesTheFlag)
+TEST_F(AudioReplies, AudioOutModeTooLongForAPropertyStillRaisesTheFlag)
 {
     FreshPropertyStore props;
     props.set("persist.zel.dsp.audioOutMode", "EARPHONE");
@@ -250,7 +256,7 @@ TEST(AudioReplies, AudioOutModeTooLongForAPropertyStillRaisesTheFlag)
     EXPECT_EQ(audioOutModeReplied.load(), 1);
 }
 
-TEST(AudioReplies, FullVersionWritesVersionAndUpdatePropertiesAndLogs)
+TEST_F(AudioReplies, FullVersionWritesVersionAndUpdatePropertiesAndLogs)
 {
     FreshPropertyStore props;
     LogCapture log;
@@ -263,7 +269,7 @@ TEST(AudioReplies, FullVersionWritesVersionAndUpdatePropertiesAndLogs)
               ANDROID_LOG_ERROR);
 }
 
-TEST(AudioReplies, FullVersionTooLongForAPropertyFailsSilently)
+TEST_F(AudioReplies, FullVersionTooLongForAPropertyFailsSilently)
 {
     FreshPropertyStore props;
     props.set("persist.sys.dune.version", "old");
@@ -273,7 +279,7 @@ TEST(AudioReplies, FullVersionTooLongForAPropertyFailsSilently)
     EXPECT_EQ(props.get("persist.sys.dune.update"), "0");
 }
 
-TEST(AudioReplies, ShortTextsDoNotReadPastTheirEnd)
+TEST_F(AudioReplies, ShortTextsDoNotReadPastTheirEnd)
 {
     FreshPropertyStore props;
     EXPECT_EQ(dsp_main_dbVol_update("M"), 1); // empty value reads as 0.0 dB
@@ -283,7 +289,7 @@ TEST(AudioReplies, ShortTextsDoNotReadPastTheirEnd)
     EXPECT_EQ(props.get("persist.sys.dune.update"), "0");
 }
 
-TEST(AudioReplies, SplitDataFormatCopiesTokensOneCharacterApart)
+TEST_F(AudioReplies, SplitDataFormatCopiesTokensOneCharacterApart)
 {
     char out[25] = {};
     EXPECT_EQ(splitDataFormat("PER_STAT=1, 1", out, sizeof out, ","), 2);
@@ -297,7 +303,7 @@ TEST(AudioReplies, SplitDataFormatCopiesTokensOneCharacterApart)
     EXPECT_EQ(splitDataFormat("x", out, sizeof out, nullptr), -1);
 }
 
-TEST(AudioReplies, ParseIntIsAtoiClampedToTheIntRange)
+TEST_F(AudioReplies, ParseIntIsAtoiClampedToTheIntRange)
 {
     EXPECT_EQ(dspParseInt(" 42abc"), 42);
     EXPECT_EQ(dspParseInt("-7"), -7);

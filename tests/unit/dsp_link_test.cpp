@@ -22,6 +22,7 @@
 #include "dsp/dsp_link.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
+#include "module_state.h"
 #include "module_on_board.h"
 
 namespace {
@@ -112,19 +113,30 @@ bool waitUntil(const std::function<bool()> &pred, std::chrono::milliseconds time
 using avmtest::receivedChunk;
 
 // A private board root holding /tmp, so the request pipe lands in it.
-class DspLinkTest : public ::testing::Test {
+class DspLinkTest : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         // Descriptor 0 is written to before the pipe exists: keep it harmless.
         ASSERT_TRUE(avmtest::sinkDescriptorZero());
         {
             std::lock_guard<std::mutex> lock(gCallsMutex);
             gCalls.clear();
         }
+        gRestorePasses.store(0);
     }
     void TearDown() override
     {
+        // A restore a test started ends before the next test begins.
+        {
+            std::lock_guard<std::mutex> lock(gGateMutex);
+            gGateClosed = false;
+        }
+        gGateCv.notify_all();
+        EXPECT_TRUE(waitUntil([] { return !initParameterLock.test(); }, 5000ms));
+        gDspHalDev.fd.store(-1);
+        gDspHalDev.running.store(0);
         if (port[0] >= 0)
             close(port[0]);
         if (port[1] >= 0)

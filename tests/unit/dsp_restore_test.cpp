@@ -18,36 +18,24 @@
 #include "dsp/dsp_restore.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
+#include "module_state.h"
 
 namespace {
 
 using avmtest::indexOf;
 
-struct Posted {
-    int32_t cmd;
-    std::string text;
-};
+using Posted = avmtest::PostedRequest;
 
-class Restore : public ::testing::Test {
+class Restore : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         ASSERT_EQ(dsp_mkfifo_init(), 0);
     }
 
     // Everything posted so far, in order.
-    std::vector<Posted> drain()
-    {
-        std::vector<Posted> out;
-        for (;;) {
-            DspRequest r;
-            if (dsp_mkfifo_read(&r) < 1)
-                break;
-            r.text[sizeof(r.text) - 1] = '\0';
-            out.push_back({r.cmd, r.text});
-        }
-        return out;
-    }
+    static std::vector<Posted> drain() { return avmtest::drainPostedRequests(); }
 
     static std::vector<std::string> texts(const std::vector<Posted> &posted)
     {

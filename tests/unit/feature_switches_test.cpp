@@ -23,9 +23,15 @@ const SwitchCase kValues[] = {
     {"1", 1}, {"10", 1}, {"1abc", 1}, {"0", 0}, {"true", 0}, {"2", 0}, {"", 0}, {" 1", 0},
 };
 
+// Every test starts as a freshly started service: no switch read yet.
+class FeatureSwitches : public ::testing::Test {
+protected:
+    void SetUp() override { featureSwitches_resetForTest(); }
+};
+
 } // namespace
 
-TEST(FeatureSwitches, AValueCountsAsOnExactlyWhenItStartsWithOne)
+TEST_F(FeatureSwitches, AValueCountsAsOnExactlyWhenItStartsWithOne)
 {
     avmtest::FreshPropertyStore props;
     for (const auto &c : kValues) {
@@ -34,7 +40,7 @@ TEST(FeatureSwitches, AValueCountsAsOnExactlyWhenItStartsWithOne)
     }
 }
 
-TEST(FeatureSwitches, MissingPropertiesReadAsOff)
+TEST_F(FeatureSwitches, MissingPropertiesReadAsOff)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -48,7 +54,7 @@ TEST(FeatureSwitches, MissingPropertiesReadAsOff)
     EXPECT_TRUE(log.contains("DSP", "false\n"));
 }
 
-TEST(FeatureSwitches, CachedSwitchesReadAndLogOnceWithTheirPropertyKeys)
+TEST_F(FeatureSwitches, CachedSwitchesReadAndLogOnceWithTheirPropertyKeys)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -66,7 +72,7 @@ TEST(FeatureSwitches, CachedSwitchesReadAndLogOnceWithTheirPropertyKeys)
     EXPECT_EQ(log.lines().size(), 3u);
 }
 
-TEST(FeatureSwitches, DspSwitchSetToOneAfterTheFirstQueryHasNoEffectUntilRestart)
+TEST_F(FeatureSwitches, DspSwitchSetToOneAfterTheFirstQueryHasNoEffectUntilRestart)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -79,7 +85,7 @@ TEST(FeatureSwitches, DspSwitchSetToOneAfterTheFirstQueryHasNoEffectUntilRestart
     EXPECT_EQ(log.countContaining("AVMANAGER", "enableDspCommunication:true"), 0u);
 }
 
-TEST(FeatureSwitches, CameraAndDoaSwitchesAreCachedToo)
+TEST_F(FeatureSwitches, CameraAndDoaSwitchesAreCachedToo)
 {
     avmtest::FreshPropertyStore props;
     props.set("persist.vendor.cam.communication", "1");
@@ -92,7 +98,7 @@ TEST(FeatureSwitches, CameraAndDoaSwitchesAreCachedToo)
     EXPECT_EQ(enableSendDoaToCamera(), 0);
 }
 
-TEST(FeatureSwitches, FloorWallChangeBetweenTwoCallsTakesEffectAtOnce)
+TEST_F(FeatureSwitches, FloorWallChangeBetweenTwoCallsTakesEffectAtOnce)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -111,7 +117,7 @@ TEST(FeatureSwitches, FloorWallChangeBetweenTwoCallsTakesEffectAtOnce)
     EXPECT_EQ(lines[2].text, "false\n");
 }
 
-TEST(FeatureSwitches, ConcurrentFirstCallsAgreeOnTheValue)
+TEST_F(FeatureSwitches, ConcurrentFirstCallsAgreeOnTheValue)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;

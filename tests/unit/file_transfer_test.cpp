@@ -57,7 +57,7 @@ class FileAnswers : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        file_xfer_descriptor_reset();
+        fileTransfer_resetForTest();
         file_xfer_descriptor_fill("/system/etc/dsp_config/AllConfigs.bin", kDspPath, 2900, kMd5);
     }
     avmtest::LogCapture log;
@@ -67,6 +67,7 @@ protected:
 
 TEST(FileOpsTable, HoldsTheEightCommandWordsInOrder)
 {
+    fileTransfer_resetForTest();
     const char *words[] = {"FWSTR=", "FWDAT=", "FWEND=", "FRDAT=", "FINF=", "FCOPY=", "FDEL=", "FMOV="};
     for (int i = 0; i < FILE_OPS_COUNT; ++i) {
         EXPECT_STREQ(gFileOpsInfoList[i].cmd, words[i]);

@@ -51,6 +51,17 @@ extern "C" int tcgetattr(int fd, struct termios *tio)
 
 namespace {
 
+// Every test counts the attribute calls of its own port only.
+class HalUsart : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        gApplied = {};
+        gApplyCount = 0;
+        gAttributeReads.clear();
+    }
+};
+
 // A pseudo-terminal pair: the unit opens the slave by path like a port.
 struct Pty {
     int master = -1;
@@ -108,7 +119,7 @@ void presetSlave(const std::string &path, void (*change)(struct termios &))
 
 } // namespace
 
-TEST(HalUsart, DefaultLinkSettingsGiveRaw115200EightNoneOne)
+TEST_F(HalUsart, DefaultLinkSettingsGiveRaw115200EightNoneOne)
 {
     avmtest::LogCapture log;
     Pty pty;
@@ -133,7 +144,7 @@ TEST(HalUsart, DefaultLinkSettingsGiveRaw115200EightNoneOne)
     EXPECT_FALSE(log.contains("UART", "com set error!\n"));
 }
 
-TEST(HalUsart, OpenFailureReturnsMinusOneStoresMinusOneAndLogsAtInfo)
+TEST_F(HalUsart, OpenFailureReturnsMinusOneStoresMinusOneAndLogsAtInfo)
 {
     avmtest::LogCapture log;
     int fd = 1234;
@@ -143,7 +154,7 @@ TEST(HalUsart, OpenFailureReturnsMinusOneStoresMinusOneAndLogsAtInfo)
     EXPECT_FALSE(log.contains("UART", "Set Parity success\n"));
 }
 
-TEST(HalUsart, FailedOpenStillReadsAttributesBeforeLookingAtTheResult)
+TEST_F(HalUsart, FailedOpenStillReadsAttributesBeforeLookingAtTheResult)
 {
     gAttributeReads.clear();
     int fd = 0;
@@ -153,7 +164,7 @@ TEST(HalUsart, FailedOpenStillReadsAttributesBeforeLookingAtTheResult)
     EXPECT_EQ(gApplyCount, 0);
 }
 
-TEST(HalUsart, UnsupportedBaud57600KeepsPreviousSpeedAndStillReturnsZero)
+TEST_F(HalUsart, UnsupportedBaud57600KeepsPreviousSpeedAndStillReturnsZero)
 {
     avmtest::LogCapture log;
     Pty pty;
@@ -171,7 +182,7 @@ TEST(HalUsart, UnsupportedBaud57600KeepsPreviousSpeedAndStillReturnsZero)
         EXPECT_EQ(line.text.find("57600"), std::string::npos) << line.text;
 }
 
-TEST(HalUsart, EveryListedBaudRateIsApplied)
+TEST_F(HalUsart, EveryListedBaudRateIsApplied)
 {
     const std::pair<unsigned, speed_t> rates[] = {{300, B300},     {1200, B1200},  {2400, B2400},
                                                   {4800, B4800},   {9600, B9600},  {19200, B19200},
@@ -185,7 +196,7 @@ TEST(HalUsart, EveryListedBaudRateIsApplied)
     }
 }
 
-TEST(HalUsart, SpaceParityClearsStopBitEvenWithTwoStopBits)
+TEST_F(HalUsart, SpaceParityClearsStopBitEvenWithTwoStopBits)
 {
     Pty pty;
     Opened port;
@@ -199,7 +210,7 @@ TEST(HalUsart, SpaceParityClearsStopBitEvenWithTwoStopBits)
     EXPECT_EQ(upper.tio.c_cflag & CSTOPB, 0u);
 }
 
-TEST(HalUsart, TwoStopBitsWithNoParitySetCstopb)
+TEST_F(HalUsart, TwoStopBitsWithNoParitySetCstopb)
 {
     Pty pty;
     Opened port;
@@ -207,7 +218,7 @@ TEST(HalUsart, TwoStopBitsWithNoParitySetCstopb)
     EXPECT_NE(port.tio.c_cflag & CSTOPB, 0u);
 }
 
-TEST(HalUsart, UnsupportedStopBitsLogAndKeepCstopb)
+TEST_F(HalUsart, UnsupportedStopBitsLogAndKeepCstopb)
 {
     avmtest::LogCapture log;
     Pty pty;
@@ -220,7 +231,7 @@ TEST(HalUsart, UnsupportedStopBitsLogAndKeepCstopb)
     EXPECT_EQ(port.tio.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
 }
 
-TEST(HalUsart, EvenAndOddParitySetInpckParenbAndParodd)
+TEST_F(HalUsart, EvenAndOddParitySetInpckParenbAndParodd)
 {
     Pty pty;
     Opened even;
@@ -248,7 +259,7 @@ TEST(HalUsart, EvenAndOddParitySetInpckParenbAndParodd)
     EXPECT_EQ(gApplied.c_cflag & PARENB, 0u);
 }
 
-TEST(HalUsart, UnsupportedParityLogsAndLeavesParityAsItWas)
+TEST_F(HalUsart, UnsupportedParityLogsAndLeavesParityAsItWas)
 {
     avmtest::LogCapture log;
     Pty pty;
@@ -262,7 +273,7 @@ TEST(HalUsart, UnsupportedParityLogsAndLeavesParityAsItWas)
     EXPECT_NE(gApplied.c_cflag & PARODD, 0u);
 }
 
-TEST(HalUsart, SixDataBitsLeaveFiveBitSizeAndLogUnsupportedDataSize)
+TEST_F(HalUsart, SixDataBitsLeaveFiveBitSizeAndLogUnsupportedDataSize)
 {
     avmtest::LogCapture log;
     Pty pty;
@@ -274,7 +285,7 @@ TEST(HalUsart, SixDataBitsLeaveFiveBitSizeAndLogUnsupportedDataSize)
     EXPECT_EQ(log.count("UART", "Unsupported data size\n"), 1u);
 }
 
-TEST(HalUsart, SevenDataBitsSetCs7)
+TEST_F(HalUsart, SevenDataBitsSetCs7)
 {
     Pty pty;
     Opened port;
@@ -282,7 +293,7 @@ TEST(HalUsart, SevenDataBitsSetCs7)
     EXPECT_EQ(gApplied.c_cflag & CSIZE, static_cast<tcflag_t>(CS7));
 }
 
-TEST(HalUsart, FlowControlTwoEndsWithIxoffIxanySetAndIxonCleared)
+TEST_F(HalUsart, FlowControlTwoEndsWithIxoffIxanySetAndIxonCleared)
 {
     Pty pty;
     Opened port;
@@ -293,7 +304,7 @@ TEST(HalUsart, FlowControlTwoEndsWithIxoffIxanySetAndIxonCleared)
     EXPECT_EQ(port.tio.c_iflag & IXON, 0u);
 }
 
-TEST(HalUsart, FlowControlOnePutsCrtsctsValueInInputFlagsNotControlFlags)
+TEST_F(HalUsart, FlowControlOnePutsCrtsctsValueInInputFlagsNotControlFlags)
 {
     Pty pty;
     Opened port;
@@ -304,7 +315,7 @@ TEST(HalUsart, FlowControlOnePutsCrtsctsValueInInputFlagsNotControlFlags)
     EXPECT_EQ(gApplied.c_iflag & CRTSCTS, static_cast<tcflag_t>(CRTSCTS));
 }
 
-TEST(HalUsart, FlowControlZeroClearsCrtsctsAndSoftwareFlow)
+TEST_F(HalUsart, FlowControlZeroClearsCrtsctsAndSoftwareFlow)
 {
     Pty pty;
     presetSlave(pty.slavePath, [](struct termios &t) {
@@ -317,7 +328,7 @@ TEST(HalUsart, FlowControlZeroClearsCrtsctsAndSoftwareFlow)
     EXPECT_EQ(port.tio.c_iflag & (IXON | IXOFF | IXANY), 0u);
 }
 
-TEST(HalUsart, OtherFlowControlValuesChangeNothing)
+TEST_F(HalUsart, OtherFlowControlValuesChangeNothing)
 {
     Pty pty;
     presetSlave(pty.slavePath, [](struct termios &t) { t.c_iflag |= IXOFF; });
@@ -326,7 +337,7 @@ TEST(HalUsart, OtherFlowControlValuesChangeNothing)
     EXPECT_NE(port.tio.c_iflag & IXOFF, 0u);
 }
 
-TEST(HalUsart, AttributesThatCannotBeAppliedLogComSetErrorAndStillReturnZero)
+TEST_F(HalUsart, AttributesThatCannotBeAppliedLogComSetErrorAndStillReturnZero)
 {
     avmtest::LogCapture log;
     int fd = -1;
@@ -337,7 +348,7 @@ TEST(HalUsart, AttributesThatCannotBeAppliedLogComSetErrorAndStillReturnZero)
     close(fd);
 }
 
-TEST(HalUsart, NegativeDescriptorToAnyReadOrWriteReturnsMinusOneWithoutSystemCall)
+TEST_F(HalUsart, NegativeDescriptorToAnyReadOrWriteReturnsMinusOneWithoutSystemCall)
 {
     avmtest::LogCapture log;
     char buf[8] = {};
@@ -367,7 +378,7 @@ TEST(HalUsart, NegativeDescriptorToAnyReadOrWriteReturnsMinusOneWithoutSystemCal
     EXPECT_EQ(log.countContaining("UART", "lenth:"), 0u);
 }
 
-TEST(HalUsart, WriteSendsExactCountOnceAndLogsLength)
+TEST_F(HalUsart, WriteSendsExactCountOnceAndLogsLength)
 {
     avmtest::LogCapture log;
     int p[2];
@@ -381,7 +392,7 @@ TEST(HalUsart, WriteSendsExactCountOnceAndLogsLength)
     close(p[1]);
 }
 
-TEST(HalUsart, WriteFailureLogsErrnoAndReturnsRawResult)
+TEST_F(HalUsart, WriteFailureLogsErrnoAndReturnsRawResult)
 {
     avmtest::LogCapture log;
     int fd = open("/dev/null", O_RDONLY);
@@ -403,7 +414,7 @@ TEST(HalUsart, WriteFailureLogsErrnoAndReturnsRawResult)
     close(fd);
 }
 
-TEST(HalUsart, ReadReturnsOneReadAndLogsEndOfData)
+TEST_F(HalUsart, ReadReturnsOneReadAndLogsEndOfData)
 {
     avmtest::LogCapture log;
     int p[2];
@@ -421,7 +432,7 @@ TEST(HalUsart, ReadReturnsOneReadAndLogsEndOfData)
     close(p[0]);
 }
 
-TEST(HalUsart, ReadCharReadsOneByte)
+TEST_F(HalUsart, ReadCharReadsOneByte)
 {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
@@ -435,7 +446,7 @@ TEST(HalUsart, ReadCharReadsOneByte)
     close(p[1]);
 }
 
-TEST(HalUsart, ReadDspGathersUpToTerminatingZero)
+TEST_F(HalUsart, ReadDspGathersUpToTerminatingZero)
 {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
@@ -453,7 +464,7 @@ TEST(HalUsart, ReadDspGathersUpToTerminatingZero)
     close(p[1]);
 }
 
-TEST(HalUsart, ReadDspReturnsRequestedCountWhenDataEndsOrBufferFills)
+TEST_F(HalUsart, ReadDspReturnsRequestedCountWhenDataEndsOrBufferFills)
 {
     avmtest::LogCapture log;
     int p[2];

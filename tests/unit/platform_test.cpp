@@ -31,11 +31,15 @@ std::string fileContent(const std::string &path)
     return s.str();
 }
 
-std::string toolPath(const char *tool)
+// The build's output directory: where this program, the tools and the
+// module lie.
+std::string outDir()
 {
-    const char *dir = getenv("AVMANAGER_HAL_PATH"); // the build's output directory
-    return std::string(dir ? dir : ".") + "/" + tool;
+    const std::string self = avmtest::selfPath();
+    return self.substr(0, self.rfind('/'));
 }
+
+std::string toolPath(const char *tool) { return outDir() + "/" + tool; }
 
 std::string run(const std::string &command)
 {
@@ -199,7 +203,7 @@ TEST(ModuleLoader, SearchesEveryDirectoryOfTheHalPath)
     const std::string probe = elsewhere.path() + "/platform_probe";
     std::filesystem::copy_file(toolPath("platform_probe"), probe);
     std::filesystem::permissions(probe, std::filesystem::perms::owner_all);
-    const std::string out = getenv("AVMANAGER_HAL_PATH");
+    const std::string out = outDir();
     EXPECT_EQ(probeLines(probe, {"module", AVMANAGER_HARDWARE_MODULE_ID}, {"AVMANAGER_HAL_PATH=/nonexistent"}),
               std::vector<std::string>{std::to_string(-ENOENT)});
     EXPECT_EQ(probeLines(probe, {"module", AVMANAGER_HARDWARE_MODULE_ID},

@@ -12,6 +12,7 @@
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "log_capture.h"
+#include "module_state.h"
 
 namespace {
 
@@ -49,7 +50,10 @@ constexpr Row kRows[] = {
     {22, 0x20, 0xF6, 1, 0x20, 0xF7, 0, false}, {23, 0x20, 0xF8, 1, 0x20, 0xF9, 0, true},
 };
 
-TEST(PtzFrame, PacketIsSixtyFourBytesWithPayloadAtSevenAndChecksumLast)
+// Every test starts from a freshly loaded module.
+class PtzFrame : public avmtest::FreshModule {};
+
+TEST_F(PtzFrame, PacketIsSixtyFourBytesWithPayloadAtSevenAndChecksumLast)
 {
     EXPECT_EQ(sizeof(PtzPacket), 64u);
     EXPECT_EQ(offsetof(PtzPacket, length), 5u);
@@ -58,7 +62,7 @@ TEST(PtzFrame, PacketIsSixtyFourBytesWithPayloadAtSevenAndChecksumLast)
     EXPECT_EQ(sizeof(PtzMsg), 8u);
 }
 
-TEST(PtzFrame, HeadIsAaBbCc)
+TEST_F(PtzFrame, HeadIsAaBbCc)
 {
     uint8_t head[3] = {0, 0, 0};
     initPktHead(head);
@@ -67,7 +71,7 @@ TEST(PtzFrame, HeadIsAaBbCc)
     EXPECT_EQ(head[2], 0xCC);
 }
 
-TEST(PtzFrame, TableHasTwentyFourRowsAsDocumented)
+TEST_F(PtzFrame, TableHasTwentyFourRowsAsDocumented)
 {
     for (const Row &r : kRows) {
         SCOPED_TRACE(r.id);
@@ -84,7 +88,7 @@ TEST(PtzFrame, TableHasTwentyFourRowsAsDocumented)
     }
 }
 
-TEST(PtzFrame, ResultSlotSizesFollowTheTable)
+TEST_F(PtzFrame, ResultSlotSizesFollowTheTable)
 {
     EXPECT_EQ(gPtzProtocolTable[6].response->resultLen, 4u);
     EXPECT_EQ(gPtzProtocolTable[7].response->resultLen, 12u);
@@ -97,13 +101,13 @@ TEST(PtzFrame, ResultSlotSizesFollowTheTable)
     EXPECT_EQ(gPtzProtocolTable[23].response->resultLen, 1u);
 }
 
-TEST(PtzFrame, TemperatureRowsShareOneResponseAndSlot)
+TEST_F(PtzFrame, TemperatureRowsShareOneResponseAndSlot)
 {
     EXPECT_EQ(gPtzProtocolTable[18].response, gPtzProtocolTable[19].response);
     EXPECT_EQ(gPtzProtocolTable[18].response->result, gPtzProtocolTable[19].response->result);
 }
 
-TEST(PtzFrame, AutotestAndTemperatureSlotsStartAllOnes)
+TEST_F(PtzFrame, AutotestAndTemperatureSlotsStartAllOnes)
 {
     uint32_t autotest = 0;
     uint32_t temperature = 0;
@@ -116,7 +120,7 @@ TEST(PtzFrame, AutotestAndTemperatureSlotsStartAllOnes)
     EXPECT_EQ(mode, 0u);
 }
 
-TEST(PtzFrame, ResetFactoryFrameChecksumIs0xF1)
+TEST_F(PtzFrame, ResetFactoryFrameChecksumIs0xF1)
 {
     PtzPacket pkt = buildFrame(PTZ_CMD_RESET_FACTORY_PARAMETERS, 0);
     EXPECT_EQ(pkt.main, 0x20);
@@ -125,7 +129,7 @@ TEST(PtzFrame, ResetFactoryFrameChecksumIs0xF1)
     EXPECT_EQ(pkt.checksum, 0xF1);
 }
 
-TEST(PtzFrame, ZeroLengthFrameStillSixtyFourBytesWithChecksumOverAllLeadingBytes)
+TEST_F(PtzFrame, ZeroLengthFrameStillSixtyFourBytesWithChecksumOverAllLeadingBytes)
 {
     PtzPacket pkt = buildFrame(PTZ_CMD_GET_CURRENT_TEMPERATURE, 0);
     EXPECT_EQ(pkt.length, 0);
@@ -138,7 +142,7 @@ TEST(PtzFrame, ZeroLengthFrameStillSixtyFourBytesWithChecksumOverAllLeadingBytes
         EXPECT_EQ(bytes[i], 0) << i;
 }
 
-TEST(PtzFrame, SendDoaValue0x1234GivesLittleEndianPair)
+TEST_F(PtzFrame, SendDoaValue0x1234GivesLittleEndianPair)
 {
     PtzPacket pkt = buildFrame(PTZ_CMD_SEND_DOA, 0x1234);
     EXPECT_EQ(pkt.main, 0x21);
@@ -149,7 +153,7 @@ TEST(PtzFrame, SendDoaValue0x1234GivesLittleEndianPair)
     EXPECT_EQ(pkt.data[2], 0x00);
 }
 
-TEST(PtzFrame, SendDoaValue0x10000LosesTheHighBits)
+TEST_F(PtzFrame, SendDoaValue0x10000LosesTheHighBits)
 {
     PtzPacket pkt = buildFrame(PTZ_CMD_SEND_DOA, 0x10000);
     EXPECT_EQ(pkt.length, 2);
@@ -157,7 +161,7 @@ TEST(PtzFrame, SendDoaValue0x10000LosesTheHighBits)
     EXPECT_EQ(pkt.data[1], 0x00);
 }
 
-TEST(PtzFrame, OneByteCommandsCarryTheLowByte)
+TEST_F(PtzFrame, OneByteCommandsCarryTheLowByte)
 {
     for (uint32_t id : {3u, 5u, 9u, 13u, 15u, 22u}) {
         SCOPED_TRACE(id);
@@ -168,7 +172,7 @@ TEST(PtzFrame, OneByteCommandsCarryTheLowByte)
     }
 }
 
-TEST(PtzFrame, OtherCommandsHaveNoPayload)
+TEST_F(PtzFrame, OtherCommandsHaveNoPayload)
 {
     for (uint32_t id : {0u, 1u, 6u, 7u, 8u, 10u, 12u, 14u, 16u, 17u, 18u, 19u, 20u, 21u, 23u}) {
         SCOPED_TRACE(id);
@@ -178,14 +182,14 @@ TEST(PtzFrame, OtherCommandsHaveNoPayload)
     }
 }
 
-TEST(PtzFrame, LookupOfIdTwentyFourReturnsNone)
+TEST_F(PtzFrame, LookupOfIdTwentyFourReturnsNone)
 {
     EXPECT_EQ(getPtzProtocolByCmd(24), nullptr);
     EXPECT_EQ(getPtzProtocolByCmd(0xFFFFFFFF), nullptr);
     EXPECT_NE(getPtzProtocolByCmd(23), nullptr);
 }
 
-TEST(PtzFrame, UnknownCommandIdGivesZeroCodesAndNoPayload)
+TEST_F(PtzFrame, UnknownCommandIdGivesZeroCodesAndNoPayload)
 {
     PtzPacket pkt = buildFrame(24, 0x55);
     EXPECT_EQ(pkt.head0, 0xAA);
@@ -195,7 +199,7 @@ TEST(PtzFrame, UnknownCommandIdGivesZeroCodesAndNoPayload)
     EXPECT_EQ(pkt.checksum, static_cast<uint8_t>(0xAA + 0xBB + 0xCC));
 }
 
-TEST(PtzFrame, ChecksumOfNothingIsZero)
+TEST_F(PtzFrame, ChecksumOfNothingIsZero)
 {
     const uint8_t bytes[2] = {1, 2};
     EXPECT_EQ(KSProtocalCalcCheckSum(bytes, 0), 0);
@@ -205,7 +209,7 @@ TEST(PtzFrame, ChecksumOfNothingIsZero)
     EXPECT_EQ(KSProtocalCalcCheckSum(wrap, 3), 0x01);
 }
 
-TEST(PtzFrame, ProductModelComesFromTheProductProperty)
+TEST_F(PtzFrame, ProductModelComesFromTheProductProperty)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -220,7 +224,7 @@ TEST(PtzFrame, ProductModelComesFromTheProductProperty)
     EXPECT_TRUE(log.contains("PTZ", "get model:Quorum X7"));
 }
 
-TEST(PtzFrame, ProductModelFallsBackToVendorModel)
+TEST_F(PtzFrame, ProductModelFallsBackToVendorModel)
 {
     avmtest::FreshPropertyStore props;
     props.set("ro.product.vendor.model", "VM-2");
@@ -229,7 +233,7 @@ TEST(PtzFrame, ProductModelFallsBackToVendorModel)
     EXPECT_EQ(std::string(reinterpret_cast<char *>(pkt.data), 4), "VM-2");
 }
 
-TEST(PtzFrame, ProductModelLongerThanFiftySixIsCut)
+TEST_F(PtzFrame, ProductModelLongerThanFiftySixIsCut)
 {
     avmtest::FreshPropertyStore props;
     const std::string longModel(80, 'M');
@@ -239,7 +243,7 @@ TEST(PtzFrame, ProductModelLongerThanFiftySixIsCut)
     EXPECT_EQ(std::string(reinterpret_cast<char *>(pkt.data), 56), longModel.substr(0, 56));
 }
 
-TEST(PtzFrame, ProductModelWithoutKnownChannelQueuesNothing)
+TEST_F(PtzFrame, ProductModelWithoutKnownChannelQueuesNothing)
 {
     avmtest::FreshPropertyStore props;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -253,7 +257,7 @@ TEST(PtzFrame, ProductModelWithoutKnownChannelQueuesNothing)
     unInitCameraPipe();
 }
 
-TEST(PtzFrame, ProductModelRequeuesTheKnownUsbChannel)
+TEST_F(PtzFrame, ProductModelRequeuesTheKnownUsbChannel)
 {
     avmtest::FreshPropertyStore props;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -267,7 +271,7 @@ TEST(PtzFrame, ProductModelRequeuesTheKnownUsbChannel)
     unInitCameraPipe();
 }
 
-TEST(PtzFrame, DoaStatusAnswerIsZeroWhenTheDspSaysNothing)
+TEST_F(PtzFrame, DoaStatusAnswerIsZeroWhenTheDspSaysNothing)
 {
     avmtest::FreshPropertyStore props;
     PtzPacket pkt = buildFrame(PTZ_CMD_GET_DOA_STATUS, 0);
@@ -277,7 +281,7 @@ TEST(PtzFrame, DoaStatusAnswerIsZeroWhenTheDspSaysNothing)
     EXPECT_EQ(pkt.data[0], 0);
 }
 
-TEST(PtzFrame, DebugLevelLogsThePayloadOfEverySend)
+TEST_F(PtzFrame, DebugLevelLogsThePayloadOfEverySend)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -288,7 +292,7 @@ TEST(PtzFrame, DebugLevelLogsThePayloadOfEverySend)
     EXPECT_TRUE(log.contains("PTZ", "PTZ_CMD_SEND(2)(4660):data[0]:34,data[1]:12\n"));
 }
 
-TEST(PtzFrame, ShowPktDataDumpsLowerCaseHex)
+TEST_F(PtzFrame, ShowPktDataDumpsLowerCaseHex)
 {
     avmtest::LogCapture log;
     const uint8_t bytes[] = {0x0A, 0xFF, 0x10};
@@ -297,7 +301,7 @@ TEST(PtzFrame, ShowPktDataDumpsLowerCaseHex)
     EXPECT_EQ(log.priorityOf("PTZ", "write[3]:0aff10\n"), ANDROID_LOG_INFO);
 }
 
-TEST(PtzFrame, ShowPktDataCapsTheTextAtFiveHundredTwelveCharacters)
+TEST_F(PtzFrame, ShowPktDataCapsTheTextAtFiveHundredTwelveCharacters)
 {
     avmtest::LogCapture log;
     uint8_t bytes[300];

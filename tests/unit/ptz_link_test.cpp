@@ -14,6 +14,7 @@
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "log_capture.h"
+#include "module_state.h"
 #include "sim/ptz_camera_model.h"
 
 namespace {
@@ -44,7 +45,13 @@ bool acked(uint32_t id)
     return gPtzAckFlags[id].load() != 0;
 }
 
-TEST(PtzLinkFraming, WholeFrameIsDispatchedAndAcked)
+// Every test starts from a freshly loaded module.
+class PtzLinkDebug : public avmtest::FreshModule {};
+class PtzLinkDispatch : public avmtest::FreshModule {};
+class PtzLinkFraming : public avmtest::FreshModule {};
+class PtzLinkSend : public avmtest::FreshModule {};
+
+TEST_F(PtzLinkFraming, WholeFrameIsDispatchedAndAcked)
 {
     avmtest::LogCapture log;
     feed(frame(0x20, 0xBB, {41}));
@@ -54,7 +61,7 @@ TEST(PtzLinkFraming, WholeFrameIsDispatchedAndAcked)
     EXPECT_FALSE(acked(PTZ_CMD_GET_LIMIT_MAX_TEMPERATURE));
 }
 
-TEST(PtzLinkFraming, TwoFramesBackToBackInOneStreamAreBothDispatched)
+TEST_F(PtzLinkFraming, TwoFramesBackToBackInOneStreamAreBothDispatched)
 {
     avmtest::LogCapture log;
     Bytes stream = frame(0x20, 0xBB, {30});
@@ -69,7 +76,7 @@ TEST(PtzLinkFraming, TwoFramesBackToBackInOneStreamAreBothDispatched)
     EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet, main:"), 2u);
 }
 
-TEST(PtzLinkFraming, TwoFramesInOneChunkAreBothDispatched)
+TEST_F(PtzLinkFraming, TwoFramesInOneChunkAreBothDispatched)
 {
     Bytes stream = frame(0x20, 0xBB, {30});
     Bytes second = frame(0x20, 0xF9, {1});
@@ -79,7 +86,7 @@ TEST(PtzLinkFraming, TwoFramesInOneChunkAreBothDispatched)
     EXPECT_TRUE(acked(PTZ_CMD_GET_AUTO_BLACK_SCREEN));
 }
 
-TEST(PtzLinkFraming, FrameStartingAtByteTenOfOneChunkAndEndingInTheNextIsLost)
+TEST_F(PtzLinkFraming, FrameStartingAtByteTenOfOneChunkAndEndingInTheNextIsLost)
 {
     avmtest::LogCapture log;
     Bytes stream(10, 0x00);
@@ -92,7 +99,7 @@ TEST(PtzLinkFraming, FrameStartingAtByteTenOfOneChunkAndEndingInTheNextIsLost)
     EXPECT_EQ(log.countContaining("PTZ", "crc failed"), 0u);
 }
 
-TEST(PtzLinkFraming, FrameSplitAcrossTwoCallsIsLost)
+TEST_F(PtzLinkFraming, FrameSplitAcrossTwoCallsIsLost)
 {
     Bytes f = frame(0x20, 0xF5, {1});
     feed(Bytes(f.begin(), f.begin() + 20));
@@ -100,7 +107,7 @@ TEST(PtzLinkFraming, FrameSplitAcrossTwoCallsIsLost)
     EXPECT_FALSE(acked(PTZ_CMD_GET_SUPPORT_BLACK_SCREEN));
 }
 
-TEST(PtzLinkFraming, LengthByte57IsDroppedEvenWithRightChecksum)
+TEST_F(PtzLinkFraming, LengthByte57IsDroppedEvenWithRightChecksum)
 {
     avmtest::LogCapture log;
     Bytes f = frame(0x20, 0xBB, {12});
@@ -112,14 +119,14 @@ TEST(PtzLinkFraming, LengthByte57IsDroppedEvenWithRightChecksum)
     EXPECT_EQ(log.countContaining("PTZ", "crc failed"), 0u);
 }
 
-TEST(PtzLinkFraming, LengthByte56IsAccepted)
+TEST_F(PtzLinkFraming, LengthByte56IsAccepted)
 {
     Bytes payload(56, 0x11);
     feed(frame(0x31, 0xFF, payload));
     EXPECT_TRUE(acked(PTZ_CMD_GET_FUNCLIST));
 }
 
-TEST(PtzLinkFraming, BadChecksumIsLoggedAndDropped)
+TEST_F(PtzLinkFraming, BadChecksumIsLoggedAndDropped)
 {
     avmtest::LogCapture log;
     Bytes f = frame(0x20, 0xBB, {12});
@@ -135,7 +142,7 @@ TEST(PtzLinkFraming, BadChecksumIsLoggedAndDropped)
     EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);
 }
 
-TEST(PtzLinkFraming, RejectedHeadByteIsNotReexaminedAsANewHead)
+TEST_F(PtzLinkFraming, RejectedHeadByteIsNotReexaminedAsANewHead)
 {
     // AA AA BB CC ...: the second AA is rejected in the BB state and the
     // machine hunts again from the following byte, so the frame is lost.
@@ -146,7 +153,7 @@ TEST(PtzLinkFraming, RejectedHeadByteIsNotReexaminedAsANewHead)
     EXPECT_FALSE(acked(PTZ_CMD_GET_CURRENT_TEMPERATURE));
 }
 
-TEST(PtzLinkFraming, GarbageBeforeAFrameIsSkipped)
+TEST_F(PtzLinkFraming, GarbageBeforeAFrameIsSkipped)
 {
     Bytes stream{0x00, 0x13, 0xAA, 0x01, 0xBB};
     Bytes f = frame(0x20, 0xBB, {12});
@@ -155,7 +162,7 @@ TEST(PtzLinkFraming, GarbageBeforeAFrameIsSkipped)
     EXPECT_TRUE(acked(PTZ_CMD_GET_CURRENT_TEMPERATURE));
 }
 
-TEST(PtzLinkFraming, UnknownCodesAreDroppedSilentlyAfterTheParseLog)
+TEST_F(PtzLinkFraming, UnknownCodesAreDroppedSilentlyAfterTheParseLog)
 {
     avmtest::LogCapture log;
     feed(frame(0x55, 0x66, {1}));
@@ -164,7 +171,7 @@ TEST(PtzLinkFraming, UnknownCodesAreDroppedSilentlyAfterTheParseLog)
         EXPECT_FALSE(acked(id)) << id;
 }
 
-TEST(PtzLinkFraming, ReceiveCodes20_93SelectRowFourteen)
+TEST_F(PtzLinkFraming, ReceiveCodes20_93SelectRowFourteen)
 {
     avmtest::LogCapture log;
     feed(frame(0x20, 0x93, {1}));
@@ -174,7 +181,7 @@ TEST(PtzLinkFraming, ReceiveCodes20_93SelectRowFourteen)
         EXPECT_FALSE(acked(id)) << id;
 }
 
-TEST(PtzLinkFraming, SecondEntryBehavesTheSame)
+TEST_F(PtzLinkFraming, SecondEntryBehavesTheSame)
 {
     Bytes f = frame(0x20, 0xBD, {90});
     read_data_from_cam(f.data(), static_cast<int>(f.size()));
@@ -183,7 +190,7 @@ TEST(PtzLinkFraming, SecondEntryBehavesTheSame)
     read_data_from_cam(nullptr, 10);
 }
 
-TEST(PtzLinkDispatch, CameraInitiatedFrameIsAnsweredBeforeItsHandlerRuns)
+TEST_F(PtzLinkDispatch, CameraInitiatedFrameIsAnsweredBeforeItsHandlerRuns)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -205,7 +212,7 @@ TEST(PtzLinkDispatch, CameraInitiatedFrameIsAnsweredBeforeItsHandlerRuns)
     EXPECT_FALSE(acked(PTZ_CMD_CAMERA_OPEN));
 }
 
-TEST(PtzLinkSend, FailedWriteReturnsAtOnceWithoutRetry)
+TEST_F(PtzLinkSend, FailedWriteReturnsAtOnceWithoutRetry)
 {
     avmtest::LogCapture log;
     const auto start = std::chrono::steady_clock::now();
@@ -218,7 +225,7 @@ TEST(PtzLinkSend, FailedWriteReturnsAtOnceWithoutRetry)
     EXPECT_EQ(log.countContaining("PTZ", "no ack"), 0u);
 }
 
-TEST(PtzLinkSend, UnknownPipeMessageTypeIsLoggedAndDropped)
+TEST_F(PtzLinkSend, UnknownPipeMessageTypeIsLoggedAndDropped)
 {
     avmtest::LogCapture log;
     EXPECT_EQ(camera_ptzControl_parse_msg_tx(3, 1), -1);
@@ -227,7 +234,7 @@ TEST(PtzLinkSend, UnknownPipeMessageTypeIsLoggedAndDropped)
     EXPECT_EQ(log.countContaining("PTZ", "ptzHalWriteUsart"), 0u);
 }
 
-TEST(PtzLinkDebug, LevelIsTheFirstDigitOfTheProperty)
+TEST_F(PtzLinkDebug, LevelIsTheFirstDigitOfTheProperty)
 {
     avmtest::FreshPropertyStore props;
     ptzHalInitDebugLevel();
@@ -240,7 +247,7 @@ TEST(PtzLinkDebug, LevelIsTheFirstDigitOfTheProperty)
     EXPECT_EQ(ptzHalGetDebugLevel(), 'x' - '0');
 }
 
-TEST(PtzLinkDebug, SetLevelPersistsIt)
+TEST_F(PtzLinkDebug, SetLevelPersistsIt)
 {
     avmtest::FreshPropertyStore props;
     ptzHalSetDebugLevel(1);
@@ -250,7 +257,7 @@ TEST(PtzLinkDebug, SetLevelPersistsIt)
     EXPECT_EQ(props.get("persist.vendor.cam.debuglevel"), "0");
 }
 
-TEST(PtzLinkDebug, LevelOneLogsDecodedReplyValues)
+TEST_F(PtzLinkDebug, LevelOneLogsDecodedReplyValues)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -259,10 +266,11 @@ TEST(PtzLinkDebug, LevelOneLogsDecodedReplyValues)
     EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_temperature_value_result : 7 \n"));
 }
 
-class PtzFifo : public ::testing::Test {
+class PtzFifo : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         std::filesystem::create_directories(root.path() + "/mnt/expand");
     }
     void TearDown() override { ptz_mkfifo_exit(); }

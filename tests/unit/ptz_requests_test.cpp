@@ -11,7 +11,10 @@
 #include "camera/camera_pipe.h"
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
+#include "dsp/dsp_link.h"
+#include "dsp_commands.h"
 #include "log_capture.h"
+#include "module_state.h"
 #include "module_on_board.h"
 #include "sim/ptz_camera_model.h"
 
@@ -37,7 +40,12 @@ template <typename T> T slot(const PtzResponse &response)
 }
 
 
-TEST(PtzReplies, AutotestLengthThreeWithDataOneZeroFiveGivesFive)
+// Every test starts from a freshly loaded module.
+class PtzReplies : public avmtest::FreshModule {};
+class PtzRequestsPipe : public avmtest::FreshModule {};
+class PtzRequestsWithoutCamera : public avmtest::FreshModule {};
+
+TEST_F(PtzReplies, AutotestLengthThreeWithDataOneZeroFiveGivesFive)
 {
     avmtest::LogCapture log;
     feed(0x21, 0x09, {1, 0, 5});
@@ -46,7 +54,7 @@ TEST(PtzReplies, AutotestLengthThreeWithDataOneZeroFiveGivesFive)
     EXPECT_EQ(log.priorityOf("PTZ", "ptz_respond_get_autotest_result\n"), ANDROID_LOG_INFO);
 }
 
-TEST(PtzReplies, AutotestUsesAtMostFourBytesAndLengthZeroGivesZero)
+TEST_F(PtzReplies, AutotestUsesAtMostFourBytesAndLengthZeroGivesZero)
 {
     feed(0x21, 0x09, {1, 1, 1, 1, 1, 1});
     EXPECT_EQ(slot<int32_t>(gPtzAutotestResponse), 0xF);
@@ -54,7 +62,7 @@ TEST(PtzReplies, AutotestUsesAtMostFourBytesAndLengthZeroGivesZero)
     EXPECT_EQ(slot<int32_t>(gPtzAutotestResponse), 0);
 }
 
-TEST(PtzReplies, IspReplyIsDecodedBigEndian)
+TEST_F(PtzReplies, IspReplyIsDecodedBigEndian)
 {
     avmtest::LogCapture log;
     feed(0x21, 0x11, {0x07, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x02});
@@ -66,13 +74,13 @@ TEST(PtzReplies, IspReplyIsDecodedBigEndian)
     EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_isp_env_result\n"));
 }
 
-TEST(PtzReplies, TemperatureOfLengthOneIsTheFirstByte)
+TEST_F(PtzReplies, TemperatureOfLengthOneIsTheFirstByte)
 {
     feed(0x20, 0xBB, {0xC8});
     EXPECT_EQ(slot<uint32_t>(gPtzTemperatureResponse), 200u);
 }
 
-TEST(PtzReplies, TemperatureWithUnexpectedLengthGivesZeroAndLogsTheLength)
+TEST_F(PtzReplies, TemperatureWithUnexpectedLengthGivesZeroAndLogsTheLength)
 {
     avmtest::LogCapture log;
     feed(0x20, 0xBD, {40, 41});
@@ -81,7 +89,7 @@ TEST(PtzReplies, TemperatureWithUnexpectedLengthGivesZeroAndLogsTheLength)
     EXPECT_EQ(log.priorityOf("PTZ", "ptz_respond_get_temperature_value_result len = 2 \n"), ANDROID_LOG_ERROR);
 }
 
-TEST(PtzReplies, BlackScreenFlagsAreNonZeroBytesOfLengthOne)
+TEST_F(PtzReplies, BlackScreenFlagsAreNonZeroBytesOfLengthOne)
 {
     feed(0x20, 0xF5, {7});
     EXPECT_EQ(slot<uint8_t>(gPtzSupportBlackScreenResponse), 1);
@@ -91,7 +99,7 @@ TEST(PtzReplies, BlackScreenFlagsAreNonZeroBytesOfLengthOne)
     EXPECT_EQ(slot<uint8_t>(gPtzAutoBlackScreenResponse), 1);
 }
 
-TEST(PtzReplies, BlackScreenWithUnexpectedLengthGivesZeroAndLogsTheLength)
+TEST_F(PtzReplies, BlackScreenWithUnexpectedLengthGivesZeroAndLogsTheLength)
 {
     avmtest::LogCapture log;
     feed(0x20, 0xF5, {1}, 0);
@@ -102,7 +110,7 @@ TEST(PtzReplies, BlackScreenWithUnexpectedLengthGivesZeroAndLogsTheLength)
     EXPECT_EQ(log.priorityOf("PTZ", "ptz_respond_get_auto_black_screen len = 2 \n"), ANDROID_LOG_ERROR);
 }
 
-TEST(PtzReplies, DebugLevelLogsTheDecodedFlags)
+TEST_F(PtzReplies, DebugLevelLogsTheDecodedFlags)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -113,7 +121,7 @@ TEST(PtzReplies, DebugLevelLogsTheDecodedFlags)
     EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_auto_black_screen : 1 \n"));
 }
 
-TEST(PtzReplies, AngleListenModelIsOneOnlyForLengthOneAndValueOne)
+TEST_F(PtzReplies, AngleListenModelIsOneOnlyForLengthOneAndValueOne)
 {
     avmtest::LogCapture log;
     feed(0x31, 0x1B, {1});
@@ -125,7 +133,7 @@ TEST(PtzReplies, AngleListenModelIsOneOnlyForLengthOneAndValueOne)
     EXPECT_EQ(slot<uint8_t>(gPtzAngleListenModelResponse), 0);
 }
 
-TEST(PtzReplies, ElectronicStatusIsOneOnlyForValueOne)
+TEST_F(PtzReplies, ElectronicStatusIsOneOnlyForValueOne)
 {
     feed(0x20, 0x93, {1});
     EXPECT_EQ(slot<uint8_t>(gPtzElectronicPtzStatusResponse), 1);
@@ -133,7 +141,7 @@ TEST(PtzReplies, ElectronicStatusIsOneOnlyForValueOne)
     EXPECT_EQ(slot<uint8_t>(gPtzElectronicPtzStatusResponse), 0);
 }
 
-TEST(PtzReplies, ElectronicModeKeepsThePreviousValueUnlessLengthIsOne)
+TEST_F(PtzReplies, ElectronicModeKeepsThePreviousValueUnlessLengthIsOne)
 {
     avmtest::LogCapture log;
     feed(0x20, 0xB1, {2});
@@ -143,7 +151,7 @@ TEST(PtzReplies, ElectronicModeKeepsThePreviousValueUnlessLengthIsOne)
     EXPECT_TRUE(log.contains("PTZ", "ptz_respond_get_electronic_ptz_mode, result size: 2 \n"));
 }
 
-TEST(PtzReplies, FunclistCopiesTheLengthByteAndAllFiftySixBytes)
+TEST_F(PtzReplies, FunclistCopiesTheLengthByteAndAllFiftySixBytes)
 {
     Bytes payload(56);
     for (size_t i = 0; i < payload.size(); ++i)
@@ -155,7 +163,7 @@ TEST(PtzReplies, FunclistCopiesTheLengthByteAndAllFiftySixBytes)
         EXPECT_EQ(list[1 + i], i + 1) << i;
 }
 
-TEST(PtzReplies, FunclistDebugLinesRepeatForEveryByteCopied)
+TEST_F(PtzReplies, FunclistDebugLinesRepeatForEveryByteCopied)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -165,7 +173,7 @@ TEST(PtzReplies, FunclistDebugLinesRepeatForEveryByteCopied)
     EXPECT_EQ(log.count("PTZ", "ptz_respond_get_funclist_value_result: data =  A  B  C\n"), 56u);
 }
 
-TEST(PtzRequestsWithoutCamera, QueriesReturnTheirDefaults)
+TEST_F(PtzRequestsWithoutCamera, QueriesReturnTheirDefaults)
 {
     avmtest::FreshPropertyStore props;
     EXPECT_EQ(ptz_get_autotest_status(), -1);
@@ -177,7 +185,7 @@ TEST(PtzRequestsWithoutCamera, QueriesReturnTheirDefaults)
     EXPECT_EQ(ptz_get_cam_follow_sound_source_mode(), 0);
 }
 
-TEST(PtzRequestsWithoutCamera, StaleReplyIsNeverReturnedByALaterQuery)
+TEST_F(PtzRequestsWithoutCamera, StaleReplyIsNeverReturnedByALaterQuery)
 {
     avmtest::FreshPropertyStore props;
     feed(0x20, 0xBB, {50});
@@ -188,7 +196,7 @@ TEST(PtzRequestsWithoutCamera, StaleReplyIsNeverReturnedByALaterQuery)
     EXPECT_EQ(ptz_get_cam_support_black_screen(), 0);
 }
 
-TEST(PtzRequestsWithoutCamera, IspEnvReturnsOneAndLeavesThePairWhenSendingFails)
+TEST_F(PtzRequestsWithoutCamera, IspEnvReturnsOneAndLeavesThePairWhenSendingFails)
 {
     avmtest::FreshPropertyStore props;
     feed(0x21, 0x11, {9, 0, 0, 0, 1, 0, 0, 0, 1});
@@ -198,7 +206,7 @@ TEST(PtzRequestsWithoutCamera, IspEnvReturnsOneAndLeavesThePairWhenSendingFails)
     EXPECT_EQ(pair[1], -8);
 }
 
-TEST(PtzRequestsWithoutCamera, SettersReturnZeroWhenNothingIsSent)
+TEST_F(PtzRequestsWithoutCamera, SettersReturnZeroWhenNothingIsSent)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -210,7 +218,7 @@ TEST(PtzRequestsWithoutCamera, SettersReturnZeroWhenNothingIsSent)
     EXPECT_TRUE(log.contains("PTZ", "ptz_cam_reset_factory_parameters \n"));
 }
 
-TEST(PtzRequestsWithoutCamera, FollowSoundSourceOnStopsAfterTheFirstFailedCommand)
+TEST_F(PtzRequestsWithoutCamera, FollowSoundSourceOnStopsAfterTheFirstFailedCommand)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -220,7 +228,7 @@ TEST(PtzRequestsWithoutCamera, FollowSoundSourceOnStopsAfterTheFirstFailedComman
     EXPECT_EQ(log.count("PTZ", "ptz_tx_protocol_handle,628 error: retlen= -1."), 1u);
 }
 
-TEST(PtzRequestsPipe, UsbChannelIsRecordedAndQueued)
+TEST_F(PtzRequestsPipe, UsbChannelIsRecordedAndQueued)
 {
     ASSERT_EQ(initCameraPipe(), 0);
     EXPECT_EQ(gUsbChannelInfo.load(), PTZ_USB_CHANNEL_NONE);
@@ -237,13 +245,27 @@ TEST(PtzRequestsPipe, UsbChannelIsRecordedAndQueued)
     unInitCameraPipe();
 }
 
-TEST(PtzRequestsPipe, UsbChannelIsRecordedEvenWithoutAPipe)
+TEST_F(PtzRequestsPipe, UsbChannelIsRecordedEvenWithoutAPipe)
 {
     EXPECT_EQ(ptz_send_usb_channel_info(6), 0);
     EXPECT_EQ(gUsbChannelInfo.load(), 6u);
 }
 
-TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
+// The camera's reports that reach the DSP are checked on the DSP's request
+// pipe, in a fresh root of this process.
+class PtzCameraStatus : public avmtest::FreshModule {
+protected:
+    void SetUp() override
+    {
+        avmtest::FreshModule::SetUp();
+        ASSERT_EQ(dsp_mkfifo_init(), 0);
+    }
+    void TearDown() override { avmtest::resetModuleState(); }
+
+    avmtest::FreshRoot root;
+};
+
+TEST_F(PtzCameraStatus, TestCallbackRunsOpenThenClose)
 {
     avmtest::FreshPropertyStore props;
     avmtest::LogCapture log;
@@ -256,7 +278,7 @@ TEST(PtzCameraStatus, TestCallbackRunsOpenThenClose)
     EXPECT_TRUE(log.contains("PTZ", "ptz_recv_camera_status_close\n"));
 }
 
-TEST(PtzCameraStatus, NullCallbackStopsTheCalls)
+TEST_F(PtzCameraStatus, NullCallbackStopsTheCalls)
 {
     avmtest::FreshPropertyStore props;
     avmtest::clearRecordedStatuses();
@@ -266,7 +288,7 @@ TEST(PtzCameraStatus, NullCallbackStopsTheCalls)
     EXPECT_TRUE(avmtest::recordedStatuses().empty());
 }
 
-TEST(PtzCameraStatus, OpenFrameSetsTheFlagAndCallsBack)
+TEST_F(PtzCameraStatus, OpenFrameSetsTheFlagAndCallsBack)
 {
     avmtest::FreshPropertyStore props;
     avmtest::clearRecordedStatuses();
@@ -279,20 +301,28 @@ TEST(PtzCameraStatus, OpenFrameSetsTheFlagAndCallsBack)
     EXPECT_EQ(avmtest::recordedStatuses(), (std::vector<int>{1, 0}));
 }
 
-TEST(PtzCameraStatus, DoaStatusSetLogsTheStatusWithItsDoubleBlank)
+TEST_F(PtzCameraStatus, DoaStatusSetLogsTheStatusWithItsDoubleBlank)
 {
     avmtest::LogCapture log;
     // Length 2: logged, but the DSP is not told.
     feed(0x21, 0x12, {1, 0});
     EXPECT_TRUE(log.contains("PTZ", "ptz_recv_doa_status_set  to Mic 3308, status : 1 \n"));
-    EXPECT_EQ(log.countContaining("DSP", "MIC_DOA_REP"), 0u);
+    EXPECT_TRUE(avmtest::drainPostedRequests().empty());
+    // Length 1 tells the DSP.
+    feed(0x21, 0x12, {1});
+    EXPECT_EQ(avmtest::drainPostedRequests(),
+              (std::vector<avmtest::PostedRequest>{{DSP_CMD_FREE_TEXT, "MIC_DOA_REP=1"}}));
 }
 
-TEST(PtzCameraStatus, AngleReportIsIgnoredWhileReportingIsOff)
+TEST_F(PtzCameraStatus, AngleReportIsIgnoredWhileReportingIsOff)
 {
-    avmtest::LogCapture log;
     feed(0x31, 0x1E, {0, 30, 150});
-    EXPECT_EQ(log.countContaining("DSP", "dspHal_set_mic_bar_angle"), 0u);
+    EXPECT_TRUE(avmtest::drainPostedRequests().empty());
+    // With reporting on, the same report steers the microphone bar.
+    ptz_set_smart_listen_report_status(1);
+    feed(0x31, 0x1E, {0, 30, 150});
+    EXPECT_EQ(avmtest::drainPostedRequests(),
+              (std::vector<avmtest::PostedRequest>{{DSP_CMD_FREE_TEXT, "MIC_BAR=30,150"}}));
 }
 
 } // namespace

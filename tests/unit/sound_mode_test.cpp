@@ -13,13 +13,15 @@
 
 #include "dsp/dsp_sound_modes.h"
 #include "log_capture.h"
+#include "module_state.h"
 
 namespace {
 
-class SoundModeUnit : public ::testing::Test {
+class SoundModeUnit : public avmtest::FreshModule {
 protected:
     void SetUp() override
     {
+        avmtest::FreshModule::SetUp();
         // Without a link a request goes to descriptor 0: make that fail.
         int ro = open("/dev/null", O_RDONLY);
         ASSERT_GE(ro, 0);

@@ -1,0 +1,31 @@
+#include "module_state.h"
+
+#include "amp/amp_tuning.h"
+#include "camera/ptz_link.h"
+#include "camera/ptz_requests.h"
+#include "dsp/dsp_audio.h"
+#include "dsp/dsp_link.h"
+#include "dsp/dsp_replies.h"
+#include "dsp/dsp_sound_modes.h"
+#include "dsp/file_transfer.h"
+#include "module/feature_switches.h"
+#include "module_on_board.h"
+
+namespace avmtest {
+
+void resetModuleState()
+{
+    ampTuning_resetForTest();
+    dspAudio_resetForTest();
+    dspLink_resetForTest();
+    dspReplies_resetForTest();
+    dspSoundModes_resetForTest();
+    featureSwitches_resetForTest();
+    fileTransfer_resetForTest();
+    ptzLink_resetForTest();
+    ptzRequests_resetForTest();
+    // dup2 replaces descriptor 0 in one step: no other open can take it.
+    EXPECT_TRUE(sinkDescriptorZero());
+}
+
+} // namespace avmtest
