@@ -5,6 +5,8 @@
  */
 #include "amp_model.h"
 
+#include <algorithm>
+
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
@@ -111,6 +113,8 @@ AmpModel::Device *AmpModel::deviceFor(uint16_t kernelAddr)
 bool AmpModel::transferFails()
 {
     ++transferCount_;
+    if (std::find(failNumbers_.begin(), failNumbers_.end(), transferCount_) != failNumbers_.end())
+        return true;
     return failEvery_ != 0 && transferCount_ % failEvery_ == 0;
 }
 
@@ -386,6 +390,15 @@ void AmpModel::failEvery(unsigned n)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     failEvery_ = n;
+    failNumbers_.clear();
+    transferCount_ = 0;
+}
+
+void AmpModel::failTransfers(std::vector<unsigned> numbers)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    failEvery_ = 0;
+    failNumbers_ = std::move(numbers);
     transferCount_ = 0;
 }
 

@@ -84,6 +84,9 @@ public:
 
     // 0: never; N: every Nth transfer ioctl fails with EREMOTEIO.
     void failEvery(unsigned n);
+    // Only the transfer ioctls numbered here (1 = the next one) fail with
+    // EREMOTEIO; replaces failEvery.
+    void failTransfers(std::vector<unsigned> numbers);
     // A one-line view of a device for the console ("0x60 mute=0x7f ...").
     std::string describe(uint8_t addr) const;
 
@@ -104,6 +107,7 @@ private:
     std::vector<std::unique_ptr<Device>> devices_;
     uint16_t slave_ = 0;       // kernel address selected by I2C_SLAVE(_FORCE)
     unsigned failEvery_ = 0;
+    std::vector<unsigned> failNumbers_; // see failTransfers
     unsigned long transferCount_ = 0;
     std::vector<Access> accesses_;
     std::vector<Transfer> transfers_;

@@ -143,3 +143,12 @@ int recvMsgFromCameraPipe(uint32_t *type, uint32_t *value)
 }
 
 } // extern "C"
+
+#ifdef AVM_HOST_BUILD
+void cameraPipe_resetForTest()
+{
+    unInitCameraPipe();
+    gCameraPipe.readFd.store(0);
+    gCameraPipe.writeFd.store(0);
+}
+#endif

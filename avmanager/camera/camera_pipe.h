@@ -42,4 +42,9 @@ int recvMsgFromCameraPipe(uint32_t *type, uint32_t *value);
 static_assert(sizeof(CameraPipeMsg) == 12, "a camera pipe message is 12 bytes");
 #endif
 
+#if defined(__cplusplus) && defined(AVM_HOST_BUILD)
+// Closes the pipe and puts both ends back at descriptor 0, as at process start. Only tests call it (a test program runs many tests in one process).
+void cameraPipe_resetForTest();
+#endif
+
 #endif

@@ -72,6 +72,22 @@ TEST(AmpProgram, ThreeSuccessfulPresenceReadsOfFiveAreEnough)
     EXPECT_EQ(acm8625m_get_dev_status(), 1);
 }
 
+TEST(AmpProgram, TwoSuccessfulPresenceReadsOfFiveAreNotEnough)
+{
+    AmpBoard b(AmpFitting::Acm8625);
+    b.amp.failTransfers({1, 3, 5}); // reads 2 and 4 succeed
+    EXPECT_EQ(acm8625m_get_dev_status(), 0);
+    EXPECT_EQ(mDeviceExistStatus.load(), 0);
+}
+
+TEST(AmpProgram, OneSuccessfulPresenceReadOfFiveIsNotEnough)
+{
+    AmpBoard b(AmpFitting::Acm8625);
+    b.amp.failTransfers({1, 2, 3, 5}); // read 4 succeeds
+    EXPECT_EQ(acm8625m_get_dev_status(), 0);
+    EXPECT_EQ(mDeviceExistStatus.load(), 0);
+}
+
 TEST(AmpProgram, WithFewerThanThreeSuccessfulPresenceReadsTheAd82120FittingIsUsed)
 {
     {

@@ -21,6 +21,7 @@
 #include "log_capture.h"
 #include "module_on_board.h"
 #include "sim/board.h"
+#include "sim/dsp_file_store.h"
 #include "sim/dsp_model.h"
 
 using namespace std::chrono_literals;
@@ -178,25 +179,36 @@ TEST_F(DspLinkBoard, RepliesSeparatedBySilenceStayApartEvenAtSixtyFourBytes)
 
 TEST_F(DspLinkBoard, TwoVersionAnnouncementsInQuickSuccessionStartOneRestore)
 {
+    // A configuration bundle on board makes each restore pass first ask the
+    // DSP for its copy; this DSP never answers, so the pass waits out its
+    // retries (seconds), and the second announcement surely comes while
+    // the first restore still runs.
+    sim::installConfigBundle(board);
     start();
-    // Both arrive while the first restore is still in its passes: the
-    // second finds the restore lock taken.
-    initParameterLock.test_and_set(); // a restore is in progress
     dsp->send("VER_FULL=1.0.0");
-    ASSERT_TRUE(log.waitFor("DSP", "VER_FULL=1.0.0", 3000ms));
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(log.count("DSP", "init_parameter_thread enter \n"), 0u);
-    initParameterLock.clear();
-    dsp->send("VER_FULL=1.0.1");
     ASSERT_TRUE(log.waitFor("DSP", "init_parameter_thread enter \n", 3000ms));
-    std::this_thread::sleep_for(200ms);
+    ASSERT_TRUE(initParameterLock.test());
+    dsp->send("VER_FULL=1.0.1");
+    ASSERT_TRUE(sim::waitUntil([] { return avmtest::prop("persist.sys.dune.version") == "1.0.1"; }, 3000ms));
+    EXPECT_TRUE(initParameterLock.test()) << "the first restore ended before the second announcement";
+    // When the restore has ended, only one ran.
+    ASSERT_TRUE(sim::waitUntil([] { return !initParameterLock.test(); }, 60000ms));
     EXPECT_EQ(log.count("DSP", "init_parameter_thread enter \n"), 1u);
+    // A later announcement restores again.
+    dsp->send("VER_FULL=1.0.2");
+    ASSERT_TRUE(log.waitFor("DSP", "VER_FULL=1.0.2", 3000ms));
+    EXPECT_TRUE(sim::waitUntil([&] { return log.count("DSP", "init_parameter_thread enter \n") == 2; }, 3000ms));
 }
 
 TEST_F(DspLinkBoard, LostPipeWriteEndIsReopenedByTheNextRequest)
 {
     start();
-    close(gDspFifoDev.writeFd.load());
+    // The write end goes bad in place (a read-only descriptor under the
+    // same number), so no other thread can take its number meanwhile.
+    const int readOnly = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(readOnly, 0);
+    ASSERT_EQ(dup2(readOnly, gDspFifoDev.writeFd.load()), gDspFifoDev.writeFd.load());
+    close(readOnly);
     EXPECT_EQ(send_cmd_to_dsp("FIRST=1"), -1);
     EXPECT_EQ(send_cmd_to_dsp("SECOND=1"), 524);
     EXPECT_TRUE(dsp->waitForCommand("SECOND=1", 3000ms));

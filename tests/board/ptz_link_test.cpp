@@ -104,7 +104,12 @@ TEST_F(PtzLink, ReplyArrivingDuringTheSleepIsSeenAtTheNextPoll)
 {
     camera.setReplyDelay(120ms);
     camera.setCurrentTemperature(33);
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(ptz_get_cam_current_temperature(), 33u);
+    // Polled every 50 ms: the reply is taken at the poll after it came,
+    // well before the attempt's 500 ms are over (generous for a busy
+    // machine, but a link that looked only at the end would take 500 ms).
+    EXPECT_LT(avmtest::msSince(start), 450);
     EXPECT_EQ(camera.countFrames(0x20, 0xBA), 1u);
     EXPECT_EQ(log.countContaining("PTZ", "no ack"), 0u);
 }
@@ -476,8 +481,10 @@ TEST_F(PtzLink, TestPropertyDebugTurnsOnDumpsAndPersistsLevelOne)
     EXPECT_EQ(ptz_get_cam_current_temperature(), 40u);
     EXPECT_GE(log.countContaining("PTZ", "write[64]:aabbcc20ba"), 1u);
     EXPECT_GE(log.countContaining("PTZ", "read[64]:aabbcc20bb01"), 1u);
-    // Across a restart the stored level comes back.
-    ptzHalSetDebugLevel(1);
+    // Across a restart the stored level comes back: a restarted module
+    // starts at level 0 (without storing it) and reads the stored one.
+    ptzLink_resetForTest();
+    ASSERT_EQ(ptzHalGetDebugLevel(), 0);
     ptzHalInitDebugLevel();
     EXPECT_EQ(ptzHalGetDebugLevel(), 1);
 }

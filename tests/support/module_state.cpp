@@ -1,6 +1,7 @@
 #include "module_state.h"
 
 #include "amp/amp_tuning.h"
+#include "camera/camera_pipe.h"
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "dsp/dsp_audio.h"
@@ -16,6 +17,7 @@ namespace avmtest {
 void resetModuleState()
 {
     ampTuning_resetForTest();
+    cameraPipe_resetForTest();
     dspAudio_resetForTest();
     dspLink_resetForTest();
     dspReplies_resetForTest();

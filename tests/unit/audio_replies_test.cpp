@@ -4,20 +4,30 @@
 
 #include <android/log.h>
 #include <string>
+#include <utility>
 
+#include "camera/camera_pipe.h"
 #include "dsp/dsp_replies.h"
 #include "log_capture.h"
+#include "module_state.h"
 
 namespace {
 
 using avmtest::LogCapture;
 using avmtest::FreshPropertyStore;
 
-// Every test starts from the reply caches as they are at process start.
-class AudioReplies : public ::testing::Test {
-protected:
-    void SetUp() override { dspReplies_resetForTest(); }
-};
+// Every test starts from a freshly loaded module (reply caches, switches).
+class AudioReplies : public avmtest::FreshModule {};
+
+// The first message waiting in the camera pipe after a marker was queued
+// behind whatever the handler queued: {type, value}.
+std::pair<uint32_t, uint32_t> firstCameraMessageBeforeMarker()
+{
+    EXPECT_EQ(sendAutoTestToCameraPipe(0x5a5a), 1); // the marker
+    uint32_t type = 0, value = 0;
+    EXPECT_EQ(recvMsgFromCameraPipe(&type, &value), 1);
+    return {type, value};
+}
 
 TEST_F(AudioReplies, SpdifLevelOfMinus65IsStored)
 {
@@ -226,7 +236,9 @@ TEST_F(AudioReplies, DoaReportWithEitherSwitchOffSendsNothingToTheCamera)
     FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "1");
     props.set("persist.vendor.cam.communication", "0");
+    ASSERT_EQ(initCameraPipe(), 0);
     EXPECT_EQ(dsp_parse_doa("90"), 0);
+    EXPECT_EQ(firstCameraMessageBeforeMarker(), std::make_pair(2u, 0x5a5au));
 }
 
 TEST_F(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
@@ -234,7 +246,19 @@ TEST_F(AudioReplies, DoaReportWithTheDoaSwitchOffSendsNothingToTheCamera)
     FreshPropertyStore props;
     props.set("persist.sys.dsp.sendDoaToCamera", "0");
     props.set("persist.vendor.cam.communication", "1");
+    ASSERT_EQ(initCameraPipe(), 0);
     EXPECT_EQ(dsp_parse_doa("90"), 0);
+    EXPECT_EQ(firstCameraMessageBeforeMarker(), std::make_pair(2u, 0x5a5au));
+}
+
+TEST_F(AudioReplies, DoaReportWithBothSwitchesOnGoesToTheCamera)
+{
+    FreshPropertyStore props;
+    props.set("persist.sys.dsp.sendDoaToCamera", "1");
+    props.set("persist.vendor.cam.communication", "1");
+    ASSERT_EQ(initCameraPipe(), 0);
+    EXPECT_EQ(dsp_parse_doa("90"), 1);
+    EXPECT_EQ(firstCameraMessageBeforeMarker(), std::make_pair(0u, 90u));
 }
 
 TEST_F(AudioReplies, AudioOutModeReplyIsStoredAsSent)

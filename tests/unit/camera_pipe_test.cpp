@@ -1,7 +1,11 @@
 // Camera pipe: 12-byte messages from any thread to the PTZ sender thread.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <thread>
 #include <vector>
@@ -10,14 +14,31 @@
 
 #include "camera/camera_pipe.h"
 #include "log_capture.h"
+#include "module_on_board.h"
+#include "module_state.h"
 
 namespace {
 
-TEST(CameraPipe, UsbChannelBeforeInitReturnsZeroAndSendsNothing)
+// Every test starts from a freshly loaded module.
+class CameraPipe : public avmtest::FreshModule {};
+
+TEST_F(CameraPipe, UsbChannelBeforeInitReturnsZeroAndSendsNothing)
 {
+    // Before start-up both ends are descriptor 0, which counts as absent:
+    // make it a pipe of the test's own and see that nothing goes there.
+    int watch[2];
+    ASSERT_EQ(pipe2(watch, O_NONBLOCK), 0);
+    ASSERT_EQ(dup2(watch[1], 0), 0);
+    close(watch[1]);
     EXPECT_EQ(sendUsbChannelInfoToCameraPipe(3), 0);
     EXPECT_EQ(sendDoaToCameraPipe(1), 0);
     EXPECT_EQ(sendAutoTestToCameraPipe(1), 0);
+    char byte = 0;
+    errno = 0;
+    EXPECT_EQ(read(watch[0], &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    close(watch[0]);
+    ASSERT_TRUE(avmtest::sinkDescriptorZero());
     ASSERT_EQ(initCameraPipe(), 0);
     // Nothing from before: the first message read is the one sent now.
     ASSERT_EQ(sendDoaToCameraPipe(42), 1);
@@ -28,7 +49,7 @@ TEST(CameraPipe, UsbChannelBeforeInitReturnsZeroAndSendsNothing)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, MessageIsLengthTypeValueInHostOrder)
+TEST_F(CameraPipe, MessageIsLengthTypeValueInHostOrder)
 {
     ASSERT_EQ(initCameraPipe(), 0);
     ASSERT_EQ(sendUsbChannelInfoToCameraPipe(0x01020304), 1);
@@ -40,7 +61,7 @@ TEST(CameraPipe, MessageIsLengthTypeValueInHostOrder)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, EachProducerSendsItsType)
+TEST_F(CameraPipe, EachProducerSendsItsType)
 {
     ASSERT_EQ(initCameraPipe(), 0);
     EXPECT_EQ(sendDoaToCameraPipe(10), 1);
@@ -57,7 +78,7 @@ TEST(CameraPipe, EachProducerSendsItsType)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, ThreeConcurrentProducersYieldThreeWholeMessages)
+TEST_F(CameraPipe, ThreeConcurrentProducersYieldThreeWholeMessages)
 {
     ASSERT_EQ(initCameraPipe(), 0);
     constexpr int kPerThread = 200;
@@ -90,7 +111,7 @@ TEST(CameraPipe, ThreeConcurrentProducersYieldThreeWholeMessages)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, ReceiveWithoutPipeLogsReadLenFailed)
+TEST_F(CameraPipe, ReceiveWithoutPipeLogsReadLenFailed)
 {
     avmtest::LogCapture log;
     uint32_t type = 0, value = 0;
@@ -101,7 +122,7 @@ TEST(CameraPipe, ReceiveWithoutPipeLogsReadLenFailed)
     EXPECT_EQ(sendDataToCameraPipe(&type, 4), 0);
 }
 
-TEST(CameraPipe, WrongLengthWordIsReportedAndTheRestReadAsTheNextMessage)
+TEST_F(CameraPipe, WrongLengthWordIsReportedAndTheRestReadAsTheNextMessage)
 {
     avmtest::LogCapture log;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -119,7 +140,7 @@ TEST(CameraPipe, WrongLengthWordIsReportedAndTheRestReadAsTheNextMessage)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, MisalignedStreamDesynchronisesTheFollowingMessages)
+TEST_F(CameraPipe, MisalignedStreamDesynchronisesTheFollowingMessages)
 {
     avmtest::LogCapture log;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -134,7 +155,7 @@ TEST(CameraPipe, MisalignedStreamDesynchronisesTheFollowingMessages)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, ReleaseWithMessagesQueuedMakesTheNextReadFail)
+TEST_F(CameraPipe, ReleaseWithMessagesQueuedMakesTheNextReadFail)
 {
     avmtest::LogCapture log;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -145,7 +166,7 @@ TEST(CameraPipe, ReleaseWithMessagesQueuedMakesTheNextReadFail)
     EXPECT_TRUE(log.contains("PTZ", "read len failed\n"));
 }
 
-TEST(CameraPipe, ShortBodyLogsReadDataInvailed)
+TEST_F(CameraPipe, ShortBodyLogsReadDataInvailed)
 {
     avmtest::LogCapture log;
     ASSERT_EQ(initCameraPipe(), 0);
@@ -159,7 +180,7 @@ TEST(CameraPipe, ShortBodyLogsReadDataInvailed)
     unInitCameraPipe();
 }
 
-TEST(CameraPipe, AfterReleaseProducersGetZero)
+TEST_F(CameraPipe, AfterReleaseProducersGetZero)
 {
     ASSERT_EQ(initCameraPipe(), 0);
     EXPECT_EQ(sendDoaToCameraPipe(1), 1);
