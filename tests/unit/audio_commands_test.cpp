@@ -24,7 +24,7 @@
 #include "dsp/dsp_pickup.h"
 #include "dsp/dsp_replies.h"
 #include "log_capture.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include "dsp/dsp_link.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 
 namespace {
 
