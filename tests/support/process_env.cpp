@@ -66,20 +66,23 @@ int elfMachine(const std::string &path)
     return header.e_machine;
 }
 
+// The emulator the tests of this build run under (a cross build's), or "".
+#ifdef AVM_TEST_EMULATOR
+constexpr const char *kTestEmulator = AVM_TEST_EMULATOR;
+#else
+constexpr const char *kTestEmulator = "";
+#endif
+
 // The emulator a child program runs under, "" when it runs as it is: a
 // cross build's tests run under an emulator (qemu-user without binfmt
 // registration), and so must the programs of the same build they start.
 // Host programs (the shell, md5sum) run as they are.
 std::string emulatorFor(const std::string &program)
 {
-#ifdef AVM_TEST_EMULATOR
+    if (!*kTestEmulator)
+        return "";
     static const int self = elfMachine(selfPath());
-    if (self >= 0 && elfMachine(program) == self)
-        return AVM_TEST_EMULATOR;
-#else
-    (void)program;
-#endif
-    return "";
+    return self >= 0 && elfMachine(program) == self ? kTestEmulator : "";
 }
 
 } // namespace
