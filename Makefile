@@ -1,10 +1,11 @@
 # Quick start on a fresh Debian 12 machine:
 #   make run    install what is missing, build, open the console on the virtual board
-#   make test   install what is missing, build, run the whole suite (also under ASan+UBSan)
+#   make test   install what is missing, build, run the whole suite (also under ASan+UBSan,
+#               and the unit tests built for 32-bit ARM under qemu-user)
 PRESET ?= default
 JOBS ?= 2
 
-.PHONY: all deps build run test test-default test-asan test-tsan bench clean
+.PHONY: all deps build run test test-default test-asan test-arm test-tsan bench clean
 
 all: build
 
@@ -21,6 +22,7 @@ run: build
 test: deps
 	$(MAKE) --no-print-directory test-default
 	$(MAKE) --no-print-directory test-asan
+	$(MAKE) --no-print-directory test-arm
 
 test-default:
 	cmake --preset default
@@ -31,6 +33,14 @@ test-asan:
 	cmake --preset asan
 	cmake --build --preset asan
 	ctest --preset asan -j$(JOBS)
+
+# The device's ABI: module, platform pieces and unit tests cross-built for
+# 32-bit ARM (armhf) and run under qemu-user; no board tests (no umockdev
+# there).
+test-arm: deps
+	cmake --preset arm
+	cmake --build --preset arm
+	ctest --preset arm -j$(JOBS)
 
 # ThreadSanitizer run: not part of `make test` (umockdev's preload and
 # GLib's worker threads make it slow); findings are fixed or suppressed

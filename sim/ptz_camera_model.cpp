@@ -10,7 +10,6 @@ namespace sim {
 
 namespace {
 
-constexpr uint8_t kHead[3] = {0xAA, 0xBB, 0xCC};
 constexpr size_t kSplitAt = 10;                              // bytes in the first half of a split frame
 constexpr std::chrono::milliseconds kSplitGap{150};          // > the module's 0.1 s read gap
 constexpr uint8_t kBadLength = 57;
@@ -216,7 +215,7 @@ struct PtzCameraModel::Impl {
         std::lock_guard<std::mutex> lock(mutex);
         rxBuffer.insert(rxBuffer.end(), data, data + size);
         for (;;) {
-            auto start = std::search(rxBuffer.begin(), rxBuffer.end(), std::begin(kHead), std::end(kHead));
+            auto start = std::search(rxBuffer.begin(), rxBuffer.end(), std::begin(kPtzHead), std::end(kPtzHead));
             if (start == rxBuffer.end()) {
                 // Keep a possible head prefix at the end.
                 const size_t keep = std::min<size_t>(rxBuffer.size(), 2);
@@ -275,27 +274,11 @@ PtzCameraModel::~PtzCameraModel()
         impl_->writer.join();
 }
 
-uint8_t PtzCameraModel::checksum(const uint8_t *bytes, size_t count)
-{
-    uint8_t sum = 0;
-    for (size_t i = 0; i < count; ++i)
-        sum = static_cast<uint8_t>(sum + bytes[i]);
-    return sum;
-}
+uint8_t PtzCameraModel::checksum(const uint8_t *bytes, size_t count) { return ptzChecksum(bytes, count); }
 
 PtzCameraModel::RawFrame PtzCameraModel::makeFrame(uint8_t main, uint8_t sub, const std::vector<uint8_t> &payload)
 {
-    RawFrame f{};
-    f[0] = kHead[0];
-    f[1] = kHead[1];
-    f[2] = kHead[2];
-    f[3] = main;
-    f[4] = sub;
-    const size_t len = std::min(payload.size(), kDataSize);
-    f[5] = static_cast<uint8_t>(len);
-    std::copy(payload.begin(), payload.begin() + static_cast<long>(len), f.begin() + 7);
-    f[63] = checksum(f.data(), kFrameSize - 1);
-    return f;
+    return makePtzFrame(main, sub, payload);
 }
 
 std::vector<PtzCameraModel::Frame> PtzCameraModel::frames() const

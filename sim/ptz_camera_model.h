@@ -21,14 +21,15 @@
 #include <vector>
 
 #include "board.h"
+#include "ptz_wire.h"
 
 namespace sim {
 
 class PtzCameraModel {
 public:
-    static constexpr size_t kFrameSize = 64;
-    static constexpr size_t kDataSize = 56;
-    using RawFrame = std::array<uint8_t, kFrameSize>;
+    static constexpr size_t kFrameSize = kPtzFrameSize;
+    static constexpr size_t kDataSize = kPtzDataSize;
+    using RawFrame = PtzRawFrame;
 
     // One frame received from the module.
     struct Frame {

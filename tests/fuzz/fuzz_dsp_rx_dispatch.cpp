@@ -17,7 +17,7 @@
 
 #include "dsp/dsp_link.h"
 #include "process_env.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
 /*
  * The module on the virtual board, as the board tests start and stop it:
  * loading HMI by id, start-up, a release that does not sit out the DSP
- * receive thread's select time-out, and small helpers the tests share
- * (property reads, elapsed time, a recorder for status callbacks, a
- * harmless descriptor 0).
+ * receive thread's select time-out; with it the small helpers every test
+ * shares (test_helpers.h).
  */
 #pragma once
 
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "avmanager_hal.h"
+#include "test_helpers.h"
 
 namespace sim {
 class DspModel;
@@ -44,22 +44,5 @@ int releaseModule(const avmanager_module_t *hmi, sim::DspModel *dsp);
 
 // dsp_process_deinit, nudging the DSP as above.
 int stopDspLink(sim::DspModel *dsp);
-
-// Points descriptor 0 at /dev/null opened with `flags`. Requests posted
-// while the DSP pipe does not exist go to descriptor 0: O_WRONLY makes
-// them vanish, O_RDONLY makes them fail. True on success.
-bool sinkDescriptorZero(int flags = O_WRONLY);
-
-// A property's value, "" when unset.
-std::string prop(const char *key);
-
-// Milliseconds from `start` to now on the steady clock.
-long long msSince(std::chrono::steady_clock::time_point start);
-
-// A status callback for the module to call: records each status, in
-// order, from whatever thread calls it.
-int recordStatus(int status);
-std::vector<int> recordedStatuses();
-void clearRecordedStatuses();
 
 } // namespace avmtest

@@ -10,7 +10,7 @@
 #include "dsp/dsp_sound_modes.h"
 #include "dsp/file_transfer.h"
 #include "module/feature_switches.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 
 namespace avmtest {
 

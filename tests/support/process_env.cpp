@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include <cutils/properties.h>
+#include <elf.h>
 
 namespace avmtest {
 
@@ -49,6 +50,39 @@ std::string requiredEnv(const char *name)
         std::abort();
     }
     return value;
+}
+
+// The ELF machine of a program file, or -1 when it is not an ELF file.
+int elfMachine(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    Elf32_Ehdr header = {}; // e_machine sits at the same offset in both classes
+    const ssize_t n = read(fd, &header, sizeof header);
+    close(fd);
+    if (n != static_cast<ssize_t>(sizeof header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
+        return -1;
+    return header.e_machine;
+}
+
+// The emulator the tests of this build run under (a cross build's), or "".
+#ifdef AVM_TEST_EMULATOR
+constexpr const char *kTestEmulator = AVM_TEST_EMULATOR;
+#else
+constexpr const char *kTestEmulator = "";
+#endif
+
+// The emulator a child program runs under, "" when it runs as it is: a
+// cross build's tests run under an emulator (qemu-user without binfmt
+// registration), and so must the programs of the same build they start.
+// Host programs (the shell, md5sum) run as they are.
+std::string emulatorFor(const std::string &program)
+{
+    if (!*kTestEmulator)
+        return "";
+    static const int self = elfMachine(selfPath());
+    return self >= 0 && elfMachine(program) == self ? kTestEmulator : "";
 }
 
 } // namespace
@@ -143,8 +177,13 @@ ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+    std::vector<std::string> command;
+    const std::string emulator = emulatorFor(argv[0]);
+    if (!emulator.empty())
+        command.push_back(emulator);
+    command.insert(command.end(), argv.begin(), argv.end());
     std::vector<char *> args;
-    for (const auto &a : argv)
+    for (const auto &a : command)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     std::vector<char *> envp;
@@ -191,6 +230,13 @@ ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std
     close(out[0]);
     close(err[0]);
     return result;
+}
+
+std::string shellCommandFor(const std::string &program)
+{
+    const std::string emulator = emulatorFor(program);
+    const std::string quoted = "'" + program + "'";
+    return emulator.empty() ? quoted : "'" + emulator + "' " + quoted;
 }
 
 std::string selfPath()

@@ -76,8 +76,13 @@ struct ChildResult {
 
 // Runs a program with exactly the given environment ("KEY=VALUE" entries;
 // nothing is inherited) and collects its output. The caller's own
-// environment is untouched.
+// environment is untouched. A program of this build runs under the build's
+// emulator when the tests themselves do (the ARM build under qemu-user).
 ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std::string> &env);
+
+// The start of a shell command that runs `program` (quoted), under the
+// build's emulator when runChild would use it; arguments follow.
+std::string shellCommandFor(const std::string &program);
 
 // This program's own path (for runChild of a helper mode of the same
 // test program).

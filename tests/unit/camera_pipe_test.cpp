@@ -14,7 +14,7 @@
 
 #include "camera/camera_pipe.h"
 #include "log_capture.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 #include "module_state.h"
 
 namespace {

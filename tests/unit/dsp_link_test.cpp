@@ -23,7 +23,7 @@
 #include "dsp_commands.h"
 #include "log_capture.h"
 #include "module_state.h"
-#include "module_on_board.h"
+#include "test_helpers.h"
 
 namespace {
 

@@ -121,12 +121,14 @@ TEST(PropertyStore, ToolsInAnotherProcessShareTheStore)
 {
     avmtest::FreshPropertyStore props;
     ASSERT_EQ(property_set("persist.vendor.dsp.communication", "1"), 0);
-    EXPECT_EQ(run(toolPath("getprop") + " persist.vendor.dsp.communication"), "1\n");
-    ASSERT_EQ(std::system((toolPath("setprop") + " vendor.camera.test debug").c_str()), 0);
+    const std::string getprop = avmtest::shellCommandFor(toolPath("getprop"));
+    const std::string setprop = avmtest::shellCommandFor(toolPath("setprop"));
+    EXPECT_EQ(run(getprop + " persist.vendor.dsp.communication"), "1\n");
+    ASSERT_EQ(std::system((setprop + " vendor.camera.test debug").c_str()), 0);
     char value[PROPERTY_VALUE_MAX];
     property_get("vendor.camera.test", value, "OK");
     EXPECT_STREQ(value, "debug");
-    EXPECT_NE(std::system((toolPath("setprop") + " k " + std::string(PROPERTY_VALUE_MAX, 'x') + " 2>/dev/null").c_str()), 0);
+    EXPECT_NE(std::system((setprop + " k " + std::string(PROPERTY_VALUE_MAX, 'x') + " 2>/dev/null").c_str()), 0);
 }
 
 // The path helper and the loader read the environment; they run in a

@@ -15,16 +15,15 @@
 #include "camera/ptz_requests.h"
 #include "log_capture.h"
 #include "module_state.h"
-#include "sim/ptz_camera_model.h"
+#include "sim/ptz_wire.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using sim::PtzCameraModel;
 
 Bytes frame(uint8_t main, uint8_t sub, const Bytes &payload = {})
 {
-    auto f = PtzCameraModel::makeFrame(main, sub, payload);
+    auto f = sim::makePtzFrame(main, sub, payload);
     return Bytes(f.begin(), f.end());
 }
 
@@ -112,7 +111,7 @@ TEST_F(PtzLinkFraming, LengthByte57IsDroppedEvenWithRightChecksum)
     avmtest::LogCapture log;
     Bytes f = frame(0x20, 0xBB, {12});
     f[5] = 57;
-    f[63] = PtzCameraModel::checksum(f.data(), 63);
+    f[63] = sim::ptzChecksum(f.data(), 63);
     feed(f);
     EXPECT_FALSE(acked(PTZ_CMD_GET_CURRENT_TEMPERATURE));
     EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);

@@ -15,8 +15,8 @@
 #include "dsp_commands.h"
 #include "log_capture.h"
 #include "module_state.h"
-#include "module_on_board.h"
-#include "sim/ptz_camera_model.h"
+#include "sim/ptz_wire.h"
+#include "test_helpers.h"
 
 namespace {
 
@@ -24,10 +24,10 @@ using Bytes = std::vector<uint8_t>;
 
 void feed(uint8_t main, uint8_t sub, const Bytes &payload, int length = -1)
 {
-    auto f = sim::PtzCameraModel::makeFrame(main, sub, payload);
+    auto f = sim::makePtzFrame(main, sub, payload);
     if (length >= 0) {
         f[5] = static_cast<uint8_t>(length);
-        f[63] = sim::PtzCameraModel::checksum(f.data(), 63);
+        f[63] = sim::ptzChecksum(f.data(), 63);
     }
     ptz_rx_protocol_handle(f.data(), static_cast<int>(f.size()));
 }

@@ -3,7 +3,7 @@
 // thread exists yet), then the tests run in one process, in any order.
 #include <gtest/gtest.h>
 
-#include "module_on_board.h"
+#include "test_helpers.h"
 #include "process_env.h"
 
 int main(int argc, char **argv)
