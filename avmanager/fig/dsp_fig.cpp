@@ -228,9 +228,11 @@ void micSwitchedOn()
     gDspFigDev.micOn.store(1, std::memory_order_relaxed);
     LOGI("%s: app doa request(%d), mic on(%d)\n", __func__,
          gDspFigDev.appDoaRequest.load(std::memory_order_relaxed), 1);
-    // The microphone is on, so reporting goes on whatever the application asked.
+    // The microphone is on, so reporting goes on whatever the application
+    // asked; a failed write is not retried.
     sendCommand(kDoaOnFrame);
     if (enFigSwSoundFormat()) {
+        // The log texts keep their spelling: tools match them as they are.
         LOGI("mic on, set sound foramt to meeting mode !");
         // An open camera keeps the sound format as it is.
         if (ptz_cam_is_open() == 0) {
@@ -565,6 +567,7 @@ int dspFig_init(void)
     }
     gDspFigDev.debugLog.store(debugPropertyOn() ? 1 : 0, std::memory_order_relaxed);
     gDspFigDev.running.store(1, std::memory_order_release);
+    // These three lines read as the main DSP link's do; kept word for word.
     if (dspFigHal_uart_init() == -1) {
         LOGE("dspHal_uart_init error!");
         return -1;

@@ -171,6 +171,22 @@ TEST_F(FigLink, AVersionTooLongForAPropertyChangesNothing)
     EXPECT_EQ(gDspFigDev.needVersion.load(), 1) << "still asked for";
 }
 
+TEST_F(FigLink, WithTheFigDspSilentTheVersionStaysUnknownAndIsAskedForAgain)
+{
+    fig.setSilent(true);
+    startFig();
+    detect_Fig_Dsp_Version();
+    ASSERT_TRUE(fig.waitForCommand(FigDspModel::kVersion, 1, kWire));
+    std::this_thread::sleep_for(kQuiet);
+    EXPECT_EQ(gDspFigDev.needVersion.load(), 1);
+    EXPECT_EQ(prop("persist.sys.fig.dune.version"), "");
+    fig.setSilent(false);
+    detect_Fig_Dsp_Version();
+    ASSERT_TRUE(fig.waitForCommand(FigDspModel::kVersion, 2, kWire));
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.sys.fig.dune.update") == "0"; }, kWire));
+    EXPECT_EQ(prop("persist.sys.fig.dune.version"), fig.version());
+}
+
 // ---------------------------------------------------------------- parser
 
 TEST_F(FigLink, EverySplitOfAValidFrameAcrossReadsIsParsed)

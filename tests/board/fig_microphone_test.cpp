@@ -283,3 +283,29 @@ TEST_F(FigMicrophone, WithTheDspSwitchOffSlot38RegistersNothing)
     expectMeeting();
     EXPECT_TRUE(avmtest::recordedStatuses().empty()) << "the format switched, nobody was told";
 }
+
+TEST_F(FigMicrophone, OnTheAcm8625FittingTheSubwooferStaysMutedThroughTheMeeting)
+{
+    amp.setFitting(sim::AmpFitting::Acm8625);
+    prepare(SPK_EQ_MODE_WALL);
+    ASSERT_EQ(mDeviceExistStatus.load(), 1);
+    fig.micOn('1');
+    ASSERT_TRUE(fig.waitForAcks('1', 1, kSwitch));
+    // The fitting has no meeting tables: the meeting programming goes to the
+    // other fitting's address and nothing answers there.
+    size_t refused = 0;
+    for (const auto &access : amp.accesses())
+        if (access.addr == sim::AmpModel::kAdMain && access.write && !access.acked)
+            ++refused;
+    EXPECT_GT(refused, 100u);
+    EXPECT_TRUE(amp.writesTo(sim::AmpModel::kAdMain).empty());
+    EXPECT_TRUE(amp.muted(sim::AmpModel::kAcmMono));
+    EXPECT_FALSE(amp.muted(sim::AmpModel::kAcmStereo));
+    EXPECT_EQ(avmtest::recordedStatuses(), std::vector<int>{1});
+    fig.micOff('2');
+    ASSERT_TRUE(fig.waitForAcks('2', 1, kSwitch));
+    EXPECT_FALSE(amp.muted(sim::AmpModel::kAcmMono)) << "leaving the meeting releases the subwoofer";
+    EXPECT_FALSE(amp.muted(sim::AmpModel::kAcmStereo));
+    amptest::expectAcmEq(amp, sim::AmpModel::kAcmStereo, tab_L_RL_wall, tab_R_RL_wall);
+    amptest::expectAcmEq(amp, sim::AmpModel::kAcmMono, tab_L_SUB_wall, tab_R_SUB_wall);
+}
