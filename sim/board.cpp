@@ -413,6 +413,39 @@ int Board::addSerialNode(const std::string &devnode)
     return master;
 }
 
+std::shared_ptr<Board::PeerSlot> Board::peerSlot(const std::string &devnode)
+{
+    std::lock_guard<std::mutex> lock(peersMutex_);
+    auto &slot = peers_[devnode];
+    if (!slot)
+        slot = std::make_shared<PeerSlot>();
+    return slot;
+}
+
+bool Board::selectSerialPeer(const std::string &devnode, const std::string &link)
+{
+    std::shared_ptr<PeerSlot> slot = peerSlot(devnode);
+    std::lock_guard<std::mutex> lock(slot->mutex);
+    if (std::find(slot->lines.begin(), slot->lines.end(), link) == slot->lines.end())
+        return false;
+    slot->active = link;
+    return true;
+}
+
+std::string Board::serialPeer(const std::string &devnode) const
+{
+    std::shared_ptr<PeerSlot> slot;
+    {
+        std::lock_guard<std::mutex> lock(peersMutex_);
+        auto it = peers_.find(devnode);
+        if (it == peers_.end())
+            return std::string();
+        slot = it->second;
+    }
+    std::lock_guard<std::mutex> lock(slot->mutex);
+    return slot->active;
+}
+
 void Board::mask(const std::string &devnode)
 {
     std::lock_guard<std::mutex> lock(processTestbed().mutex);
@@ -432,6 +465,7 @@ struct SerialLine::Impl {
     Board &board;
     std::string devnode;
     std::string link;
+    std::shared_ptr<Board::PeerSlot> peers; // which line of the node is on it
     int fd = -1;                       // our own dup of the pty master
     std::atomic<unsigned> baud{0};     // pacing; 0 = unpaced
     std::atomic<bool> stopping{false}; // set by stop(), read by the reader
@@ -455,10 +489,21 @@ struct SerialLine::Impl {
         board.trace().add(std::move(event));
     }
 
+    bool onLine()
+    {
+        std::lock_guard<std::mutex> lock(peers->mutex);
+        return peers->active == link;
+    }
+
     void run()
     {
         uint8_t buf[4096];
         while (!stopping.load(std::memory_order_relaxed)) {
+            if (!onLine()) {
+                // Another line of this node is on it: its bytes are not ours.
+                std::this_thread::sleep_for(std::chrono::milliseconds(kReaderPollMs));
+                continue;
+            }
             struct pollfd pfd = {fd, POLLIN, 0};
             const int ready = poll(&pfd, 1, kReaderPollMs);
             if (ready < 0) {
@@ -473,12 +518,22 @@ struct SerialLine::Impl {
                 std::this_thread::sleep_for(kClosedPortPause);
                 continue;
             }
-            const ssize_t n = read(fd, buf, sizeof buf);
+            ssize_t n = 0;
+            {
+                // Read only while on the line; a selection waits for the
+                // read, so no byte goes to a line that was just replaced.
+                std::lock_guard<std::mutex> lock(peers->mutex);
+                if (peers->active != link)
+                    continue;
+                n = read(fd, buf, sizeof buf);
+                if (n < 0 && errno != EAGAIN && errno != EINTR)
+                    n = -2;
+            }
             if (n > 0) {
                 trace(true, buf, static_cast<size_t>(n));
                 if (receiver)
                     receiver(buf, static_cast<size_t>(n));
-            } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+            } else if (n == -2) {
                 std::this_thread::sleep_for(kClosedPortPause);
             }
         }
@@ -511,6 +566,13 @@ struct SerialLine::Impl {
 SerialLine::SerialLine(Board &board, const std::string &devnode, std::string link)
     : impl_(std::make_unique<Impl>(board, devnode, std::move(link)))
 {
+    // The newest line of a node takes it.
+    impl_->peers = board.peerSlot(devnode);
+    {
+        std::lock_guard<std::mutex> lock(impl_->peers->mutex);
+        impl_->peers->lines.push_back(impl_->link);
+        impl_->peers->active = impl_->link;
+    }
     const int master = board.addSerialNode(devnode);
     if (master >= 0) {
         // The testbed owns its descriptor; ours survives a mask() of the node.
@@ -527,6 +589,14 @@ SerialLine::~SerialLine()
     stop();
     if (impl_->fd >= 0)
         close(impl_->fd);
+    // The line before this one is on the node again.
+    std::lock_guard<std::mutex> lock(impl_->peers->mutex);
+    auto &lines = impl_->peers->lines;
+    auto it = std::find(lines.rbegin(), lines.rend(), impl_->link);
+    if (it != lines.rend())
+        lines.erase(std::next(it).base());
+    if (impl_->peers->active == impl_->link)
+        impl_->peers->active = lines.empty() ? std::string() : lines.back();
 }
 
 void SerialLine::start(Receiver receiver)
@@ -547,7 +617,7 @@ void SerialLine::stop()
 
 bool SerialLine::write(const void *data, size_t size)
 {
-    if (impl_->fd < 0)
+    if (impl_->fd < 0 || !impl_->onLine())
         return false;
     const auto *bytes = static_cast<const uint8_t *>(data);
     std::lock_guard<std::mutex> lock(impl_->writeMutex);

@@ -107,16 +107,38 @@ public:
     // Where a /dev node lies inside the testbed.
     std::string devPath(const std::string &devnode) const;
 
+    // Serial peers. A serial node can carry several models (the audio DSP
+    // and the Fig DSP both sit on /dev/ttyS2), but one at a time is on the
+    // line: only that one reads what the module writes and writes to it.
+    // The line made last takes the node; when it goes, the one before is on
+    // the line again. selectSerialPeer puts the line with that link name on
+    // the node (false when there is none).
+    bool selectSerialPeer(const std::string &devnode, const std::string &link);
+    // Link name of the line on the node, "" when none.
+    std::string serialPeer(const std::string &devnode) const;
+
+    // Which of a node's lines is on it; shared with the node's lines.
+    struct PeerSlot {
+        std::mutex mutex;               // guards both fields; held by a line while it reads
+        std::vector<std::string> lines; // link names of the node's lines, oldest first
+        std::string active;             // link name of the line on the node
+    };
+    std::shared_ptr<PeerSlot> peerSlot(const std::string &devnode);
+
 private:
     UMockdevTestbed *testbed_ = nullptr; // the process's testbed
     std::string testbedRoot_;            // umockdev's directory (UMOCKDEV_DIR)
     std::string root_;
     Trace trace_;
+    mutable std::mutex peersMutex_;      // guards peers_ (lines come and go on any thread)
+    std::map<std::string, std::shared_ptr<PeerSlot>> peers_; // by devnode
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module
 // writes to a receiver; write() sends bytes to the module, optionally paced
-// at a real line rate. Both directions are traced.
+// at a real line rate. Both directions are traced. While another line of
+// the same node is on it (Board::selectSerialPeer), this one neither reads
+// nor writes (write() returns false).
 class SerialLine {
 public:
     using Receiver = std::function<void(const uint8_t *data, size_t size)>;

@@ -9,6 +9,7 @@
 #include "dsp/dsp_replies.h"
 #include "dsp/dsp_sound_modes.h"
 #include "dsp/file_transfer.h"
+#include "fig/dsp_fig.h"
 #include "module/feature_switches.h"
 #include "test_helpers.h"
 
@@ -19,6 +20,7 @@ void resetModuleState()
     ampTuning_resetForTest();
     cameraPipe_resetForTest();
     dspAudio_resetForTest();
+    dspFig_resetForTest();
     dspLink_resetForTest();
     dspReplies_resetForTest();
     dspSoundModes_resetForTest();

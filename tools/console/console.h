@@ -19,6 +19,10 @@
 #include "avmanager_hal.h"
 #include "sim/board.h"
 
+namespace sim {
+class DspModel;
+}
+
 namespace console {
 
 using Args = std::vector<std::string>;
@@ -76,6 +80,11 @@ private:
 
 // Builds every model that exists on the board (one line per model).
 void buildModels(sim::Board &board, ModelSet &models);
+
+// The Fig DSP model on /dev/ttyS2 and the "fig" commands that start and stop
+// the module's Fig link; `dsp` is the audio DSP model it shares the port
+// with (console_fig.cpp).
+void addFigModels(sim::Board &board, ModelSet &models, sim::DspModel *dsp);
 
 // ------------------------------------------------------------ operations
 

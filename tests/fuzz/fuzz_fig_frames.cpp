@@ -1,0 +1,69 @@
+// Arbitrary bytes from the Fig DSP's serial line through the receive steps
+// (a byte at a time, the line going quiet now and then), arbitrary receive
+// records through the parser, and whole frames with a valid CRC of every
+// type through the handlers: whatever arrives, the link never crashes. The
+// port is closed here, so the module's answers fail quietly; the private
+// property store has no "service.bootvideo.exit", so a microphone report
+// never reaches the amplifiers.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fig/dsp_fig.h"
+#include "sim/fig_wire.h"
+
+namespace {
+
+constexpr uint8_t kTypes[] = {DSP_FIG_TYPE_COMMAND, DSP_FIG_TYPE_DOA, DSP_FIG_TYPE_REPLY, DSP_FIG_TYPE_A0,
+                              DSP_FIG_TYPE_AE};
+
+// Payload starts that reach each handler's branches.
+const std::vector<std::string> kHeads = {
+    "1MIC_ON990", "2MIC_OFF99", "8\x01", "7\x01", "3", "",
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    DspFigRxBuffer rx;
+    memset(&rx, 0, sizeof rx);
+    if (size == 0) {
+        dspFigHal_rx_work_off(&rx);
+        return 0;
+    }
+
+    // The stream as the receive thread sees it; the first byte picks how
+    // often the line goes quiet.
+    const size_t quietEvery = 1 + data[0] % 64;
+    for (size_t i = 1; i < size; ++i) {
+        dspFigHal_rx_feed_byte(&rx, data[i]);
+        if (i % quietEvery == 0)
+            dspFigHal_rx_work_off(&rx);
+    }
+    dspFigHal_rx_work_off(&rx);
+
+    // The input as a receive record: any count, position and state.
+    DspFigRxBuffer record;
+    memset(&record, 0, sizeof record);
+    memcpy(&record, data, size < sizeof record ? size : sizeof record);
+    while (uart_packet_process(&record) == 1)
+        process_packet(&record.packet);
+    dspFigHal_rx_work_off(&record);
+
+    // A whole frame with a valid CRC, of a known type, whose payload begins
+    // with one of the texts the handlers look for.
+    if (size >= 2) {
+        const uint8_t type = kTypes[data[1] % sizeof kTypes];
+        const std::string &head = kHeads[(data[1] >> 3) % kHeads.size()];
+        sim::FigBytes payload(head.begin(), head.end());
+        for (size_t i = 2; i < size && payload.size() < DSP_FIG_MAX_PAYLOAD; ++i)
+            payload.push_back(data[i]);
+        memset(&rx, 0, sizeof rx);
+        for (uint8_t b : sim::figFrame(type, payload))
+            dspFigHal_rx_feed_byte(&rx, b);
+    }
+    return 0;
+}
