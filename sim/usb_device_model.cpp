@@ -531,7 +531,8 @@ int UsbDevice::handleControl(IoctlCall &call, int *err)
                        " value " + hex16(record.value) + " index " + hex16(record.index) + " length " +
                        std::to_string(record.length);
     note += result < 0 ? " failed errno=" + std::to_string(*err) : " -> " + std::to_string(result);
-    trace(!in, note);
+    // The host makes every request, whichever way its data goes.
+    trace(true, note);
     return result;
 }
 
