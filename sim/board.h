@@ -10,7 +10,8 @@
  * testbed is one per process, made by initBoardProcess() before any other
  * thread starts and kept to the end; boards made one after the other in a
  * process share it, and each starts from an empty root with every node
- * masked.
+ * masked (USB device nodes are taken out of their bus directory instead,
+ * as unplugged devices).
  *
  * A masked node does not exist for the module (the board's preload shim
  * answers ENOENT), and nothing reaches the host's own devices: under the

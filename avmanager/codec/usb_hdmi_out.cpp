@@ -245,6 +245,7 @@ int usb_hdmiOut_control_xfer(void)
 
 int usbHdmiOut_device_added(const char *devName, void *)
 {
+    ensureLocks();
     usb_device *device = usb_device_open(devName);
     if (!device) {
         LOGE("can't open device %s: %s", devName, strerror(errno));

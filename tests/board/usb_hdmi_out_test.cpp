@@ -443,6 +443,10 @@ TEST_F(HdmiOut, ADataPacket1200msAfterTheLastHeartbeatIsFollowedByOne)
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(model->count(Kind::Heartbeat), 0u);
     const auto buf = payloadBuffer(1000, 9);
+    ASSERT_EQ(send(buf, 1000), 0);
+    ASSERT_EQ(model->count(Kind::Heartbeat), 1u);
+    // 1.2 s after that heartbeat, the next data packet brings the next one.
+    std::this_thread::sleep_for(1200ms);
     ASSERT_EQ(codecHal_usb_hdmiOut_data_process(1, 4000, 1000, 1, 2, 3, 1920, 1080, buf.data()), 0);
     const auto packets = model->packets();
     ASSERT_GE(packets.size(), 2u);
@@ -450,11 +454,14 @@ TEST_F(HdmiOut, ADataPacket1200msAfterTheLastHeartbeatIsFollowedByOne)
     EXPECT_TRUE(packets[packets.size() - 2].complete);
     EXPECT_EQ(packets.back().kind, Kind::Heartbeat); // right after the data packet
     EXPECT_EQ(packets.back().words[0], 5u);
+    const auto beats = model->packets(Kind::Heartbeat);
+    ASSERT_EQ(beats.size(), 2u);
+    EXPECT_GE(beats[1].when - beats[0].when, 1200ms);
     EXPECT_TRUE(logs.contains(kTag, "ThisLen 1000 TotalLen 4000 Width 1920 Height 1080"));
     EXPECT_EQ(logs.priorityOf(kTag, "ThisLen 1000 TotalLen 4000 Width 1920 Height 1080"), ANDROID_LOG_INFO);
     // The clock starts again: the next packet brings none.
     ASSERT_EQ(send(buf, 1000), 0);
-    EXPECT_EQ(model->count(Kind::Heartbeat), 1u);
+    EXPECT_EQ(model->count(Kind::Heartbeat), 2u);
 }
 
 TEST_F(HdmiOut, AfterDisconnectDataIsRefusedUntilANewAcknowledgement)
@@ -686,6 +693,69 @@ TEST_F(HdmiOut, RemovalOfTheOpenDeviceClearsTheHandleAndKeepsConnected)
     model->unplug();
     EXPECT_EQ(codecHal_usb_hdmiOut_init(kVid, kPid), 0);
     EXPECT_EQ(logs.count(kTag, "founded usb hdmiOut device!!!"), 1u);
+}
+
+TEST_F(HdmiOut, HostileDescriptorsNeverCrashTheScan)
+{
+    attach();
+    // The converter's own device descriptor, then bytes of any kind.
+    const std::vector<uint8_t> good = sim::usbDescriptors(model->usb().description());
+    uint32_t x = 12345;
+    auto next = [&x] {
+        x = x * 1103515245u + 12345u;
+        return static_cast<uint8_t>(x >> 16);
+    };
+    int found = 0;
+    for (int round = 0; round < 300; ++round) {
+        std::vector<uint8_t> raw(good.begin(), good.begin() + 18);
+        const size_t tail = next() % 64;
+        for (size_t i = 0; i < tail; ++i) {
+            uint8_t b = next();
+            // Often a plausible descriptor type, so the walk goes deep.
+            if (i % 2 == 1 && (b & 1))
+                b = static_cast<uint8_t>(4 + (b >> 7));
+            raw.push_back(b);
+        }
+        model->usb().setRawDescriptors(raw);
+        if (codecHal_usb_hdmiOut_init(kVid, kPid) == 0)
+            ++found;
+        EXPECT_EQ(codecHal_usb_hdmiOut_deinit(), 0);
+    }
+    // The well-formed set still works afterwards.
+    model->usb().setRawDescriptors(good);
+    EXPECT_EQ(codecHal_usb_hdmiOut_init(kVid, kPid), 0);
+    RecordProperty("random sets taken as a converter", found);
+}
+
+TEST_F(HdmiOut, OnlyAnInTransferStarting00000002IsEchoed)
+{
+    sim::HdmiOutModel::Options options;
+    options.ackOnConnect = false;
+    attach(options);
+    ASSERT_EQ(codecHal_usb_hdmiOut_init(kVid, kPid), 0);
+    uint32_t x = 777;
+    auto next = [&x] {
+        x = x * 1103515245u + 12345u;
+        return static_cast<uint8_t>(x >> 16);
+    };
+    size_t acks = 0;
+    for (int i = 0; i < 200; ++i) {
+        std::vector<uint8_t> in(1 + next() % kXfer);
+        for (auto &b : in)
+            b = next();
+        // Some begin like an acknowledgement, some are one byte short of one.
+        if (i % 3 == 0 && in.size() >= 4)
+            in[0] = in[1] = in[2] = 0, in[3] = 2;
+        if (in.size() >= 4 && in[0] == 0 && in[1] == 0 && in[2] == 0 && in[3] == 2)
+            ++acks;
+        model->queueIn(in);
+    }
+    ASSERT_TRUE(sim::waitUntil([&] { return model->usb().bulkIn().size() == 200; }, kWait));
+    ASSERT_TRUE(model->waitForCount(Kind::Echo, acks, kWait));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(model->count(Kind::Echo), acks);
+    EXPECT_EQ(model->usb().bulkOut().size(), acks);
+    EXPECT_TRUE(model->errors().empty()) << model->errors().front();
 }
 
 TEST_F(HdmiOut, ServiceApiSlots16To20DriveTheLink)
