@@ -10,7 +10,8 @@
  * testbed is one per process, made by initBoardProcess() before any other
  * thread starts and kept to the end; boards made one after the other in a
  * process share it, and each starts from an empty root with every node
- * masked.
+ * masked (USB device nodes are taken out of their bus directory instead,
+ * as unplugged devices).
  *
  * A masked node does not exist for the module (the board's preload shim
  * answers ENOENT), and nothing reaches the host's own devices: under the
@@ -106,6 +107,10 @@ public:
     std::string addNode(const std::string &devnode);
     // Where a /dev node lies inside the testbed.
     std::string devPath(const std::string &devnode) const;
+    // The usbfs node for the next USB device added to this board:
+    // "/dev/bus/usb/001/002", then 003, ... in the order devices are added
+    // (device numbers 2..127 on bus 001, then bus 002, ...).
+    std::string nextUsbNode();
 
     // Serial peers. A serial node can carry several models (the audio DSP
     // and the Fig DSP both sit on /dev/ttyS2), but one at a time is on the
@@ -132,6 +137,7 @@ private:
     Trace trace_;
     mutable std::mutex peersMutex_;      // guards peers_ (lines come and go on any thread)
     std::map<std::string, std::shared_ptr<PeerSlot>> peers_; // by devnode
+    std::atomic<int> usbDevices_{0}; // USB device nodes handed out by nextUsbNode()
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module

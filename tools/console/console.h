@@ -80,6 +80,8 @@ private:
 
 // Builds every model that exists on the board (one line per model).
 void buildModels(sim::Board &board, ModelSet &models);
+// The USB devices: the HDMI-out converter ("hdmi") and its commands.
+void addUsbModels(sim::Board &board, ModelSet &models);
 
 // The Fig DSP model on /dev/ttyS2 and the "fig" commands that start and stop
 // the module's Fig link; `dsp` is the audio DSP model it shares the port
