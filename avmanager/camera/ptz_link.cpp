@@ -74,6 +74,7 @@ struct PtzHalDev {
     pthread_t testThread;         // set by start-up; never joined
     std::atomic<bool> txStarted;  // the sender exists and may be joined
     std::atomic<bool> rxStarted;  // the receiver exists and may be joined
+    std::atomic<bool> testStarted; // the test thread exists (only tests ever join it)
     std::atomic<uint32_t> running; // written by start/stop; read by all three threads
     std::atomic<int> fd;          // the line; set by start/stop, used by every sender and the receiver
 };
@@ -83,7 +84,7 @@ struct PtzMkfifoDev {
     std::atomic<int> readFd;  // -1 when closed; any thread using the FIFO
 };
 
-PtzHalDev gPtzHalDev{{}, {}, {}, {false}, {false}, {0}, {-1}};
+PtzHalDev gPtzHalDev{{}, {}, {}, {false}, {false}, {false}, {0}, {-1}};
 PtzMkfifoDev gPtzMkfifoDev{{-1}, {-1}};
 PtzPacket gPtzRxPacket;             // receiver thread only
 std::atomic<int> gPtzDebugLevel{0}; // written by start-up and the test thread; read anywhere
@@ -446,6 +447,7 @@ int camera_ptzHal_init(void)
         LOGE("create camera_ptzControl_test_thread failed!!");
         return -1;
     }
+    gPtzHalDev.testStarted.store(true);
     return 0;
 }
 
@@ -577,5 +579,11 @@ void ptzLink_resetForTest()
         flag.store(0, std::memory_order_relaxed);
     std::memset(&gPtzRxPacket, 0, sizeof gPtzRxPacket);
     gPtzDebugLevel.store(0, std::memory_order_relaxed);
+}
+
+void ptzLink_joinTestThreadForTest()
+{
+    if (gPtzHalDev.testStarted.exchange(false))
+        pthread_join(gPtzHalDev.testThread, nullptr);
 }
 #endif

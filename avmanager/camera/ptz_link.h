@@ -66,6 +66,10 @@ extern std::atomic<uint8_t> gPtzAckFlags[PTZ_CMD_MAX];
 #if defined(__cplusplus) && defined(AVM_HOST_BUILD)
 // Clears every acknowledgement flag, the receive frame and the debug level, as at process start. Only tests call it (a test program runs many tests in one process).
 void ptzLink_resetForTest();
+// Joins the test thread of a stopped link, which the module itself never
+// joins. Only tests call it, so that a test process ends with no thread
+// left over.
+void ptzLink_joinTestThreadForTest();
 #endif
 
 #endif

@@ -75,10 +75,9 @@ std::atomic_flag initParameterLock = ATOMIC_FLAG_INIT;
 namespace {
 
 // Serialises writes to the port between the transmit thread and the
-// file-transfer code. Valid from load; init/deinit recreate and destroy it.
+// file-transfer code. Lives for the whole process: threads started by the
+// link (the parameter restore) may outlive it.
 pthread_mutex_t dspUartWriteLock = PTHREAD_MUTEX_INITIALIZER;
-// Whether dspUartWriteLock is currently initialised (service thread).
-std::atomic<bool> gUartLockLive{true};
 // Whether dspLock is currently initialised (service thread).
 std::atomic<bool> gDspLockLive{true};
 // Shared by posters while they write the pipe's write end, exclusive while
@@ -327,8 +326,8 @@ int dspHalWriteUsart(DspRequest request)
     // The text field is always sent terminated, whatever the record held.
     request.text[kMaxTextChars] = '\0';
     size_t length = strlen(request.text) + 1; // the zero byte goes on the wire
-    // The lock is valid from load and between init and deinit; a write
-    // outside that window finds the port closed and fails on its own.
+    // The lock lives for the whole process; a write while the link is down
+    // finds the port closed and fails on its own.
     bool locked = pthread_mutex_lock(&dspUartWriteLock) == 0;
     ssize_t ret = writeUsartDevice(gDspHalDev.fd.load(std::memory_order_acquire), request.text, length);
     if (locked)
@@ -377,9 +376,8 @@ int dspHal_uart_init(void)
     int ret = openUsartDevice(&fd, DSP_UART_PATH, kDspBaud, kDspDataBits, kDspStopBits, kDspParity,
                               kDspFlowControl);
     gDspHalDev.fd.store(fd, std::memory_order_release);
-    // The port lock is set up whether or not the port opened.
-    if (!gUartLockLive.exchange(true))
-        pthread_mutex_init(&dspUartWriteLock, nullptr);
+    // The port lock is set up whether or not the port opened; it lives for
+    // the whole process (see dspHal_uart_deinit), so there is nothing to do.
     if (ret < 0) {
         LOGE("openUsartDevice failed!");
         return -1;
@@ -392,12 +390,14 @@ int dspHal_uart_deinit(void)
     int fd = gDspHalDev.fd.exchange(-1, std::memory_order_acq_rel);
     if (fd >= 0)
         close(fd);
-    if (!gUartLockLive.load())
-        return 0;
-    int ret = pthread_mutex_destroy(&dspUartWriteLock);
-    if (ret == 0)
-        gUartLockLive.store(false);
-    return ret;
+    // The port lock is not really destroyed: a restore or transfer thread
+    // that outlives the link may still take it, and a destroyed mutex may
+    // not be locked. The result is what destroying it would give: 0 when
+    // it is free, EBUSY while another thread holds it.
+    const int busy = pthread_mutex_trylock(&dspUartWriteLock);
+    if (busy == 0)
+        pthread_mutex_unlock(&dspUartWriteLock);
+    return busy == 0 ? 0 : EBUSY;
 }
 
 int dsp_tx_protocol_handle(DspRequest request)

@@ -52,7 +52,7 @@ protected:
             return;
         avmtest::releaseModule(hmi, &dsp);
         // The PTZ link outlives release; stop it so its threads end.
-        camera_ptzHal_deinit();
+        avmtest::stopPtzLink();
     }
 
     bool dspGot(const std::string &command) { return dsp.waitForCommand(command, kWire); }

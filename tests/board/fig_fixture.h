@@ -119,19 +119,7 @@ protected:
 
     void stopCamera()
     {
-        camera_ptzHal_deinit();
-        // The camera sender wakes on its next pipe message; keep some coming
-        // until both camera threads are joined.
-        std::atomic<bool> joined{false};
-        std::thread waker([&] {
-            while (!joined) {
-                sendAutoTestToCameraPipe(0);
-                std::this_thread::sleep_for(50ms);
-            }
-        });
-        joinPtzThreadPool();
-        joined = true;
-        waker.join();
+        avmtest::stopPtzLink();
         cameraUp = false;
     }
 

@@ -47,9 +47,8 @@ protected:
 
     void TearDown() override
     {
-        // The threads end on their own once the flag is down.
         if (up)
-            camera_ptzHal_deinit();
+            avmtest::stopPtzLink();
     }
 
     bool waitAck(uint32_t id) const
@@ -557,6 +556,7 @@ TEST_F(PtzLink, StopThenJoinEndsTheThreads)
     // The line was already closed by the stop: the second close fails.
     EXPECT_TRUE(log.contains("PTZ", "close uart dev fail!!"));
     waker.join();
+    ptzLink_joinTestThreadForTest(); // the module never joins it
 }
 
 TEST(PtzLinkStart, MissingSerialLineFailsStartUp)

@@ -15,8 +15,17 @@ namespace avmtest {
 
 namespace {
 
-std::mutex gMutex;
-std::vector<LogLine> gLines;     // guarded by gMutex
+// The captured lines. Never destroyed: module threads that outlive the
+// tests (the PTZ link) may still log while the program exits.
+struct Captured {
+    std::mutex mutex;
+    std::vector<LogLine> lines; // guarded by mutex
+};
+Captured &captured()
+{
+    static Captured *instance = new Captured;
+    return *instance;
+}
 std::atomic<int> gCaptures{0};   // live LogCapture objects
 
 } // namespace
@@ -31,8 +40,8 @@ void captureLine(const struct __android_logger_data *data, const char *message)
         __android_log_stderr_logger(data, message);
         return;
     }
-    std::lock_guard<std::mutex> lock(gMutex);
-    gLines.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
+    std::lock_guard<std::mutex> lock(captured().mutex);
+    captured().lines.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
 }
 
 namespace {
@@ -60,14 +69,14 @@ LogCapture::~LogCapture() { gCaptures.fetch_sub(1, std::memory_order_acq_rel); }
 
 std::vector<LogLine> LogCapture::lines() const
 {
-    std::lock_guard<std::mutex> lock(gMutex);
-    return gLines;
+    std::lock_guard<std::mutex> lock(captured().mutex);
+    return captured().lines;
 }
 
 void LogCapture::clear()
 {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gLines.clear();
+    std::lock_guard<std::mutex> lock(captured().mutex);
+    captured().lines.clear();
 }
 
 size_t LogCapture::count(const std::string &tag, const std::string &text) const

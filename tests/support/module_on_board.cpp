@@ -10,6 +10,8 @@
 #include <mutex>
 #include <thread>
 
+#include "avmanager/camera/camera_pipe.h"
+#include "avmanager/camera/ptz_link.h"
 #include "avmanager/dsp/dsp_link.h"
 #include "sim/dsp_model.h"
 
@@ -60,6 +62,23 @@ int stopNudgingDsp(sim::DspModel *dsp, const std::function<int()> &stop)
 int releaseModule(const avmanager_module_t *hmi, sim::DspModel *dsp)
 {
     return stopNudgingDsp(dsp, [hmi] { return hmi->hal_release(); });
+}
+
+int stopPtzLink()
+{
+    const int result = camera_ptzHal_deinit();
+    std::atomic<bool> joined{false};
+    std::thread waker([&] {
+        while (!joined) {
+            sendAutoTestToCameraPipe(0);
+            std::this_thread::sleep_for(50ms);
+        }
+    });
+    joinPtzThreadPool();
+    ptzLink_joinTestThreadForTest();
+    joined = true;
+    waker.join();
+    return result;
 }
 
 int stopDspLink(sim::DspModel *dsp)

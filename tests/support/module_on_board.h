@@ -45,4 +45,10 @@ int releaseModule(const avmanager_module_t *hmi, sim::DspModel *dsp);
 // dsp_process_deinit, nudging the DSP as above.
 int stopDspLink(sim::DspModel *dsp);
 
+// Stops the PTZ link (camera_ptzHal_deinit, whose result it returns) and
+// joins all three of its threads, so none outlives the test: the sender
+// waits on the camera pipe, so messages are queued until it has ended, and
+// the test thread, which the module never joins, is joined here.
+int stopPtzLink();
+
 } // namespace avmtest
