@@ -222,6 +222,10 @@ bool placeMask(const std::string &path)
     return ok;
 }
 
+// A USB device that is not there is not listed by its bus either (as
+// when it is unplugged); any other node is hidden behind a mask.
+bool isUsbfsNode(const std::string &devnode) { return devnode.rfind("/dev/bus/usb/", 0) == 0; }
+
 std::string requiredRoot()
 {
     const char *root = getenv("AVMANAGER_ROOT");
@@ -292,7 +296,7 @@ Board::Board()
     for (const char *node : kKnownNodes)
         mask(node);
     for (const auto &node : claimed)
-        mask(node);
+        isUsbfsNode(node) ? removeNode(node) : mask(node);
 }
 
 Board::~Board()
@@ -307,7 +311,7 @@ Board::~Board()
             claimed.push_back(node.first);
     }
     for (const auto &node : claimed)
-        mask(node);
+        isUsbfsNode(node) ? removeNode(node) : mask(node);
     processTestbed().boards.fetch_sub(1);
 }
 
@@ -338,6 +342,17 @@ std::string Board::readFile(const std::string &absolutePath) const
 std::string Board::devPath(const std::string &devnode) const
 {
     return testbedRoot_ + "/dev/" + nodeName(devnode);
+}
+
+std::string Board::nextUsbNode()
+{
+    // Device 1 of each bus is its root hub, which the board does not model.
+    constexpr int kDevicesPerBus = 126;
+    const int n = usbDevices_.fetch_add(1);
+    char node[32];
+    std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", 1 + n / kDevicesPerBus,
+                  2 + n % kDevicesPerBus);
+    return node;
 }
 
 std::string Board::addNode(const std::string &devnode)
@@ -865,8 +880,12 @@ IoctlNode::~IoctlNode()
     }
     // Without its handler the node would be a bare pty: hide it, as for a
     // peripheral that is not there.
-    if (impl_->attached)
-        impl_->board.mask(impl_->devnode);
+    if (impl_->attached) {
+        if (isUsbfsNode(impl_->devnode))
+            impl_->board.removeNode(impl_->devnode);
+        else
+            impl_->board.mask(impl_->devnode);
+    }
 }
 
 // ---------------------------------------------------------------- waitUntil

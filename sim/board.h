@@ -106,12 +106,17 @@ public:
     std::string addNode(const std::string &devnode);
     // Where a /dev node lies inside the testbed.
     std::string devPath(const std::string &devnode) const;
+    // The usbfs node for the next USB device added to this board:
+    // "/dev/bus/usb/001/002", then 003, ... in the order devices are added
+    // (device numbers 2..127 on bus 001, then bus 002, ...).
+    std::string nextUsbNode();
 
 private:
     UMockdevTestbed *testbed_ = nullptr; // the process's testbed
     std::string testbedRoot_;            // umockdev's directory (UMOCKDEV_DIR)
     std::string root_;
     Trace trace_;
+    std::atomic<int> usbDevices_{0}; // USB device nodes handed out by nextUsbNode()
 };
 
 // Board side of a serial line: a reader thread hands every chunk the module

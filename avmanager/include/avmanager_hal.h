@@ -64,7 +64,10 @@ typedef struct avmanager_module {
     /* 17 */ int (*usb_hdmiOut_deinit)(void);
     /* 18 */ int (*connect_usb_hdmiOut)(void);
     /* 19 */ int (*disconnect_usb_hdmiOut)(void);
-    /* 20 */ int (*usb_hdmiOut_packet_process)(avm_self_t self, int type, int total_len, int this_len,
+    /* 20: sends this_len payload bytes as one data packet; the payload must
+     * be readable up to this_len rounded up to a multiple of 512 (its last
+     * piece goes out as a whole 512-byte transfer). 0, or -1 when refused. */
+    int (*usb_hdmiOut_packet_process)(avm_self_t self, int type, int total_len, int this_len,
                                                int param1, int param2, int param3, int width,
                                                int height, const uint8_t *payload);
     /* 21 */ int (*set_usbchannel)(avm_self_t self, int channel);
@@ -122,6 +125,9 @@ int avmanager_usb_hdmiOut_init(avm_self_t self, int vendor_id, int product_id);
 int avmanager_usb_hdmiOut_deinit(void);
 int avmanager_connect_usb_hdmiOut(void);
 int avmanager_disconnect_usb_hdmiOut(void);
+/* `payload` must be readable for this_len rounded up to the next multiple
+ * of 512 bytes: the last 1..511 payload bytes go out as a whole 512-byte
+ * transfer, the bytes after them as padding the converter ignores. */
 int avmanager_usb_hdmiOut_packet_process(avm_self_t self, int type, int total_len, int this_len,
                                          int param1, int param2, int param3, int width, int height,
                                          const uint8_t *payload);

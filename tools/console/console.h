@@ -76,6 +76,8 @@ private:
 
 // Builds every model that exists on the board (one line per model).
 void buildModels(sim::Board &board, ModelSet &models);
+// The USB devices: the HDMI-out converter ("hdmi") and its commands.
+void addUsbModels(sim::Board &board, ModelSet &models);
 
 // ------------------------------------------------------------ operations
 

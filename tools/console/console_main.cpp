@@ -55,6 +55,11 @@ const char *const kDemo[] = {
     "dsp say MV=-9.00",
     "dspfs reboot",
     "audio state",
+    "hdmi init",
+    "hdmi connect",
+    "hdmi send 4096 1",
+    "hdmi disconnect",
+    "hdmi deinit",
 };
 
 long long nowNs()

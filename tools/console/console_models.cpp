@@ -412,6 +412,7 @@ void buildModels(sim::Board &board, ModelSet &models)
                ModelSet::Commands<sim::AmpModel>(ampCommands),
                "amp state | log | fail <n> | fitting acm8625|ad82120|none");
     installTuningFiles(board);
+    addUsbModels(board, models);
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }

@@ -46,16 +46,18 @@ int printDspStatus(int status)
     return 0;
 }
 
-// usb_hdmiOut_packet_process reads the payload by the lengths it is given;
-// the console hands it a zero-filled buffer at least that large.
+// usb_hdmiOut_packet_process reads the payload by the lengths it is given,
+// its last piece as a whole 512-byte transfer; the console hands it a
+// zero-filled buffer at least that large, rounded up to a multiple of 512.
 std::string packetProcess(const avmanager_module_t *hal, const Parsed &p)
 {
+    constexpr size_t kTransfer = 512;
     const std::string payload = unescape(p.s(0));
     size_t size = payload.size();
     for (int n : {p.i(1), p.i(2)})
         if (n > 0 && static_cast<size_t>(n) > size)
             size = static_cast<size_t>(n);
-    std::vector<uint8_t> buffer(size + 1, 0);
+    std::vector<uint8_t> buffer((size / kTransfer + 1) * kTransfer, 0);
     std::memcpy(buffer.data(), payload.data(), payload.size());
     return num(hal->usb_hdmiOut_packet_process(hal, p.i(0), p.i(1), p.i(2), p.i(3), p.i(4), p.i(5),
                                                p.i(6), p.i(7), buffer.data()));
