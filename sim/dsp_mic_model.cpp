@@ -5,6 +5,7 @@
 #include "dsp_mic_model.h"
 
 #include <cstdio>
+#include <thread>
 
 namespace sim {
 
@@ -94,8 +95,18 @@ bool DspMicTest::handle(State &st, DspModel &dsp, const std::string &command)
         if (st.testsSilent && command != "VER_FULL=?")
             reply.clear();
     }
-    if (!reply.empty())
-        dsp.send(reply);
+    if (reply.empty())
+        return true;
+    // Spaced from the previous answer so that each one is read on its own.
+    Clock::time_point due;
+    {
+        std::lock_guard<std::mutex> lock(st.mutex);
+        due = st.lastAnswer + kAnswerGap;
+    }
+    std::this_thread::sleep_until(due);
+    dsp.send(reply);
+    std::lock_guard<std::mutex> lock(st.mutex);
+    st.lastAnswer = Clock::now();
     return true;
 }
 

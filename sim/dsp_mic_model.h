@@ -13,6 +13,9 @@
  *
  * A test runs for a given number of result queries (two unless told
  * otherwise); with zero the start query gets the final answer at once.
+ * Answers go out at least kAnswerGap apart, as the DSP gives them: the
+ * module reads whatever arrives within 0.1 s as one reply, and the
+ * detection thread asks several questions at once.
  * Faults: the version and the test queries can each be left unanswered.
  *
  * Threads: commands arrive on the DSP model's reader thread; tests and the
@@ -21,6 +24,7 @@
  */
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,6 +36,8 @@ namespace sim {
 
 class DspMicTest {
 public:
+    static constexpr std::chrono::milliseconds kAnswerGap{150};
+
     explicit DspMicTest(DspModel &dsp, std::string version = "AVM-DSP 2.4.1 build 0917");
 
     // The answer to the microphone test: count and bit mask.
@@ -52,6 +58,7 @@ public:
 private:
     struct State {
         mutable std::mutex mutex; // guards everything below
+        Clock::time_point lastAnswer{}; // when the last answer went out
         std::string version;
         int micCount = 4;
         unsigned micBits = 0xF;

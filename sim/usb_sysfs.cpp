@@ -150,10 +150,15 @@ void UsbSysfs::remove(const std::string &name)
 void UsbSysfs::breakUevent(const std::string &name)
 {
     // A dangling link: the file cannot be opened, the entry still lists.
-    const std::string path = testbedPath(deviceDir(name) + "/uevent");
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-    symlink("missing-uevent", path.c_str());
+    // The interface's uevent goes the same way.
+    for (const std::string &dir : {deviceDir(name), deviceDir(name) + "/" + name + ":1.0"}) {
+        const std::string path = testbedPath(dir + "/uevent");
+        std::error_code ec;
+        if (!std::filesystem::exists(std::filesystem::symlink_status(path, ec)))
+            continue;
+        std::filesystem::remove_all(path, ec);
+        symlink("missing-uevent", path.c_str());
+    }
 }
 
 void UsbSysfs::addPlainDirectory(const std::string &name, const std::string &ueventContent)

@@ -49,7 +49,8 @@ public:
     void attachRaw(const std::string &name, const std::string &content);
     // Takes a device (and its interface entry) away.
     void remove(const std::string &name);
-    // Makes a device's uevent unreadable (its entry stays listed).
+    // Makes a device's uevent (and its interface's) unreadable; the
+    // entries stay listed.
     void breakUevent(const std::string &name);
     // Adds a plain directory to /sys/bus/usb/devices (not a link; the
     // module skips it).
