@@ -228,6 +228,25 @@ int HidCameraModel::handle(IoctlCall &call, int *err)
     return static_cast<int>(n);
 }
 
+void HidCameraModel::setIds(uint16_t vid, uint16_t pid)
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->vid = vid;
+    state_->pid = pid;
+}
+
+uint16_t HidCameraModel::vid() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->vid;
+}
+
+uint16_t HidCameraModel::pid() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->pid;
+}
+
 void HidCameraModel::setVersion(const std::string &text)
 {
     std::lock_guard<std::mutex> lock(state_->mutex);

@@ -52,6 +52,10 @@ public:
     HidCameraModel &operator=(const HidCameraModel &) = delete;
 
     const std::string &node() const { return node_; }
+    // The USB ids its raw information gives (another camera of the table).
+    void setIds(uint16_t vid, uint16_t pid);
+    uint16_t vid() const;
+    uint16_t pid() const;
 
     // ---- what the camera holds
     void setVersion(const std::string &text);

@@ -19,6 +19,10 @@
 #include "avmanager_hal.h"
 #include "sim/board.h"
 
+namespace sim {
+class DspModel;
+}
+
 namespace console {
 
 using Args = std::vector<std::string>;
@@ -78,6 +82,9 @@ private:
 void buildModels(sim::Board &board, ModelSet &models);
 // The USB devices: the HDMI-out converter ("hdmi") and its commands.
 void addUsbModels(sim::Board &board, ModelSet &models);
+// Device detection: the USB camera ("cam") and the microphones' test
+// answers and power switch ("mic", a feature of the DSP model).
+void addDetectModels(sim::Board &board, ModelSet &models, sim::DspModel &dsp);
 
 // ------------------------------------------------------------ operations
 

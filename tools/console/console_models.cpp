@@ -413,6 +413,7 @@ void buildModels(sim::Board &board, ModelSet &models)
                "amp state | log | fail <n> | fitting acm8625|ad82120|none");
     installTuningFiles(board);
     addUsbModels(board, models);
+    addDetectModels(board, models, dsp);
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }
