@@ -125,6 +125,51 @@ int UsbSysfs::attach(const std::string &name, uint16_t vid, uint16_t pid, uint16
     return device.devnum;
 }
 
+int UsbSysfs::listedAt(const std::string &name) const
+{
+    const std::vector<std::string> names = listing();
+    for (size_t i = 0; i < names.size(); ++i)
+        if (names[i] == name || names[i] == name + ":1.0")
+            return static_cast<int>(i);
+    return -1;
+}
+
+std::vector<std::string> UsbSysfs::attachInOrder(const std::vector<std::pair<uint16_t, uint16_t>> &ids)
+{
+    constexpr int kCandidates = 99;
+    // Attaches the devices one by one, in the order given or (for a file
+    // system that lists the newest entry first) from the last one back,
+    // each under the first free name that lists it on the right side of
+    // the ones placed so far.
+    for (const bool backwards : {false, true}) {
+        std::vector<std::string> names(ids.size());
+        bool ok = true;
+        for (size_t step = 0; step < ids.size() && ok; ++step) {
+            const size_t i = backwards ? ids.size() - 1 - step : step;
+            ok = false;
+            for (int k = 1; k <= kCandidates && !ok; ++k) {
+                const std::string name = "1-" + std::to_string(k);
+                if (std::any_of(devices_.begin(), devices_.end(), [&](const Device &d) { return d.name == name; }))
+                    continue;
+                attach(name, ids[i].first, ids[i].second);
+                const std::string &neighbour = step == 0 ? name : names[backwards ? i + 1 : i - 1];
+                ok = step == 0 || (backwards ? listedAt(name) < listedAt(neighbour)
+                                             : listedAt(neighbour) < listedAt(name));
+                if (ok)
+                    names[i] = name;
+                else
+                    remove(name);
+            }
+        }
+        if (ok)
+            return names;
+        for (const auto &name : names)
+            if (!name.empty())
+                remove(name);
+    }
+    return {};
+}
+
 void UsbSysfs::attachRaw(const std::string &name, const std::string &content)
 {
     remove(name);

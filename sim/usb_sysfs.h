@@ -8,8 +8,10 @@
  * the kernel does.
  *
  * The order in which /sys/bus/usb/devices lists its entries is the order
- * the board's file system gives; listing() reads it the way the module
- * does, so a test can tell which device is listed first.
+ * the board's file system gives (on most, an order of name hashes, not of
+ * creation). listing() reads it the way the module does; attachInOrder()
+ * picks the devices' names so that the listing gives them in the order
+ * asked for.
  *
  * Threads: the test (or console) thread only. What it made is removed
  * when the object goes, so the next board starts without USB devices.
@@ -18,6 +20,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "board.h"
@@ -45,6 +48,13 @@ public:
     // ("PRODUCT=%x/%x/%x" among its lines); returns its device number on
     // bus 1. Attaching a name again replaces that device.
     int attach(const std::string &name, uint16_t vid, uint16_t pid, uint16_t bcdDevice = 0x0100);
+    // Attaches devices (vendor, product) so that their first entries list
+    // in this order, choosing their names ("1-1" ... "1-99"); returns the
+    // names, or an empty list when no such names were found.
+    std::vector<std::string> attachInOrder(const std::vector<std::pair<uint16_t, uint16_t>> &ids);
+    // Position in listing() of a device's first entry (its own or its
+    // interface's), or -1.
+    int listedAt(const std::string &name) const;
     // Attaches a device whose uevent file holds exactly `content`.
     void attachRaw(const std::string &name, const std::string &content);
     // Takes a device (and its interface entry) away.

@@ -22,7 +22,11 @@
  *                  gHidStateLock
  *   vid, pid       ids looked for; set by hal_hidraw_init
  *   running        the receive loop's run flag
- *   thread, threadStarted  the receive thread; under gHidInitLock
+ *   generation     which receive thread is the current one; a start makes
+ *                  a new one, an older thread ends after its current read
+ *   inFlight       reads and writes on the node in progress; a close waits
+ *                  for them (a while), so no call is cut off mid-way
+ *   thread, threadStarted  the current receive thread; under gHidInitLock
  * Locks:
  *   gHidCloseLock  the lock that guards closing the node. It is a flag
  *                  standing for "locked" rather than a mutex because
@@ -39,6 +43,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 
 #include <atomic>
@@ -67,6 +72,10 @@ constexpr useconds_t kAfterCloseUs = 1000;   // pause after closing on an error
 constexpr useconds_t kStopSettleUs = 1000;   // init: pause after stopping the loop
 constexpr unsigned kNotOpenPauseS = 1;       // receive attempt on a closed channel
 constexpr useconds_t kCloseLockPollUs = 1000;
+// A close waits this long at most for a read or write on the node to end;
+// a read of a silent camera can last until its next report.
+constexpr int kCloseWaitPolls = 100;
+constexpr useconds_t kCloseWaitPollUs = 1000;
 
 // The version answer: head AA BB CC 20 07, text from byte 7.
 constexpr uint8_t kVersionAnswerHead[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07};
@@ -80,7 +89,9 @@ struct HidrawDev {
     std::atomic<uint32_t> vid{0};       // ids looked for; set by hal_hidraw_init
     std::atomic<uint32_t> pid{0};
     std::atomic<int> running{0};        // receive loop runs while set
-    pthread_t thread{};                 // receive thread; under gHidInitLock
+    std::atomic<uint32_t> generation{0}; // the current receive thread's
+    std::atomic<int> inFlight{0};       // reads and writes in progress
+    pthread_t thread{};                 // current receive thread; under gHidInitLock
     bool threadStarted = false;         // thread may be joined; under gHidInitLock
 };
 
@@ -97,24 +108,46 @@ void lockClose()
 
 void unlockClose() { gHidCloseLock.clear(std::memory_order_release); }
 
-// Closes the node if it is open (the caller holds gHidCloseLock).
-void closeNode()
+constexpr int kAnyFd = -2;
+
+// Takes the node out of use and closes it (the caller holds
+// gHidCloseLock). With `only` set, only if that descriptor is still the
+// channel's: an error on a descriptor the channel has replaced leaves the
+// new one alone. With `stop`, the receive loop is told to end as well,
+// before the close waits for the reads and writes in progress, so the
+// receive thread ends when its read returns instead of reading on.
+// Returns whether it closed the channel's descriptor.
+bool closeNode(int only = kAnyFd, bool stop = false)
 {
-    std::lock_guard<std::mutex> lock(gHidStateLock);
-    int fd = gHidDev.fd.exchange(-1);
-    gHidDev.isOpen.store(0);
-    if (fd >= 0)
-        close(fd);
+    int fd;
+    {
+        std::lock_guard<std::mutex> lock(gHidStateLock);
+        fd = gHidDev.fd.load();
+        if (only != kAnyFd && fd != only)
+            return false;
+        if (stop)
+            gHidDev.running.store(0);
+        gHidDev.fd.store(-1);
+        gHidDev.isOpen.store(0);
+    }
+    if (fd < 0)
+        return false;
+    for (int i = 0; i < kCloseWaitPolls && gHidDev.inFlight.load() != 0; ++i)
+        usleep(kCloseWaitPollUs);
+    close(fd);
+    return true;
 }
 
-void closeNodeGuarded()
+bool closeNodeGuarded(int only = kAnyFd, bool stop = false)
 {
     lockClose();
-    closeNode();
+    bool closed = closeNode(only, stop);
     unlockClose();
+    return closed;
 }
 
-// Opens the known node read-write and makes it the channel's descriptor.
+// Opens the known node read-write and makes it the channel's descriptor;
+// a descriptor the channel already has stays the channel's.
 int openKnownPath()
 {
     std::lock_guard<std::mutex> lock(gHidStateLock);
@@ -124,15 +157,42 @@ int openKnownPath()
         gHidDev.isOpen.store(0);
         return -1;
     }
-    // A descriptor opened earlier is not left behind.
-    int old = gHidDev.fd.exchange(fd);
-    if (old >= 0 && old != fd)
-        close(old);
+    int current = gHidDev.fd.load();
+    if (current >= 0) {
+        close(fd);
+        gHidDev.isOpen.store(1);
+        return current;
+    }
+    gHidDev.fd.store(fd);
     gHidDev.isOpen.store(1);
     return fd;
 }
 
-// Waits for a receive thread that was told to stop (under gHidInitLock).
+// The descriptor for one read or write, counted in flight; -1 when the
+// channel has none (then nothing is counted).
+int enterCall()
+{
+    gHidDev.inFlight.fetch_add(1);
+    int fd = gHidDev.fd.load();
+    if (fd < 0)
+        gHidDev.inFlight.fetch_sub(1);
+    return fd;
+}
+
+void leaveCall() { gHidDev.inFlight.fetch_sub(1); }
+
+// Ends the receive thread of the previous start (under gHidInitLock). It
+// was told to stop; it is let go rather than waited for, since a read of a
+// silent camera can last until the camera's next report. It touches no
+// descriptor but its own after that.
+void releaseReceiveThread()
+{
+    if (!gHidDev.threadStarted)
+        return;
+    pthread_detach(gHidDev.thread);
+    gHidDev.threadStarted = false;
+}
+
 void joinReceiveThread()
 {
     if (!gHidDev.threadStarted)
@@ -199,9 +259,8 @@ int hal_hidraw_init(uint32_t vid, uint32_t pid)
     gHidCloseLock.clear(std::memory_order_release);
     closeNodeGuarded();
     gHidDev.running.store(0);
-    // The previous receive thread ends with the loop; it is waited for so
-    // that it cannot close the node opened below.
-    joinReceiveThread();
+    gHidDev.generation.fetch_add(1);
+    releaseReceiveThread();
     usleep(kStopSettleUs);
     gHidDev.vid.store(vid);
     gHidDev.pid.store(pid);
@@ -216,7 +275,10 @@ int hal_hidraw_init(uint32_t vid, uint32_t pid)
     int fd = openKnownPath();
     if (fd >= 1)
         LOGI("Open hidraw device succeed!\n");
-    if (pthread_create(&gHidDev.thread, nullptr, hal_hidRcveData_THREAD, nullptr) != 0) {
+    // The thread is told which generation it serves, not left to read it
+    // when it gets to run.
+    const uintptr_t generation = gHidDev.generation.load() + 1u;
+    if (pthread_create(&gHidDev.thread, nullptr, hal_hidRcveData_THREAD, reinterpret_cast<void *>(generation)) != 0) {
         LOGE("acreate hal_hidRcveData_THREAD create thread failed\n");
         // The close lock stays held here too.
         return -1;
@@ -234,11 +296,17 @@ int hal_hidraw_sendData(const void *buf, int len)
         return -1;
     }
     size_t count = len <= 0 ? 0 : len > HIDRAW_SEND_MAX ? HIDRAW_SEND_MAX : static_cast<size_t>(len);
-    ssize_t ret = write(gHidDev.fd.load(), buf, count);
+    int fd = enterCall();
+    ssize_t ret = -1;
+    int err = EBADF; // closed by another thread just now
+    if (fd >= 0) {
+        ret = write(fd, buf, count);
+        err = errno;
+        leaveCall();
+    }
     if (ret < 0) {
-        LOGE("%s write device Error: %s\r\n", __func__, strerror(errno));
-        closeNodeGuarded();
-        gHidDev.running.store(0);
+        LOGE("%s write device Error: %s\r\n", __func__, strerror(err));
+        closeNodeGuarded(fd, true);
         usleep(kAfterCloseUs);
         return -1;
     }
@@ -257,11 +325,18 @@ int hal_hidraw_recvData(void *buf, int len)
     size_t count = len <= 0 ? 0 : len > HIDRAW_RECV_MAX ? HIDRAW_RECV_MAX : static_cast<size_t>(len);
     if (count > 0)
         memset(buf, 0, count);
-    ssize_t ret = read(gHidDev.fd.load(), buf, count);
+    int fd = enterCall();
+    ssize_t ret = -1;
+    int err = EBADF; // closed by another thread just now
+    if (fd >= 0) {
+        ret = read(fd, buf, count);
+        err = errno;
+        leaveCall();
+    }
     if (ret < 0) {
-        LOGE("%s read device Error: %s\r\n", __func__, strerror(errno));
-        closeNodeGuarded();
-        gHidDev.running.store(0);
+        LOGE("%s read device Error: %s\r\n", __func__, strerror(err));
+        // An error on a descriptor the channel has replaced stops nothing.
+        closeNodeGuarded(fd, true);
         usleep(kAfterCloseUs);
         return -1;
     }
@@ -276,10 +351,11 @@ bool hal_hidraw_isConnect(void)
 int hal_hidraw_deinit(void)
 {
     gHidDev.running.store(0);
+    gHidDev.generation.fetch_add(1);
     // Stopping takes the close lock over as a start does, so a failed start
     // that left it held cannot hold the stop up.
     gHidCloseLock.clear(std::memory_order_release);
-    closeNodeGuarded();
+    closeNodeGuarded(kAnyFd, true);
     return 0;
 }
 
@@ -295,11 +371,16 @@ int joinHidThreadPool(void)
     return 0;
 }
 
-void *hal_hidRcveData_THREAD(void *)
+void *hal_hidRcveData_THREAD(void *arg)
 {
     // One spare byte keeps a version text that fills the read terminated.
     uint8_t report[HIDRAW_RECV_MAX + 1];
-    while (gHidDev.running.load()) {
+    // A later start or a stop makes this thread an old one: it ends. The
+    // generation comes with the argument (plus one); without one, the
+    // current one is served.
+    const uintptr_t given = reinterpret_cast<uintptr_t>(arg);
+    const uint32_t generation = given != 0 ? static_cast<uint32_t>(given - 1u) : gHidDev.generation.load();
+    while (gHidDev.running.load() && gHidDev.generation.load() == generation) {
         int n = hal_hidraw_recvData(report, HIDRAW_RECV_MAX);
         if (n < 1)
             continue;

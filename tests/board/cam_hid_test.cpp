@@ -66,20 +66,30 @@ class CamHidBoard : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        // The receive thread ends before the camera goes.
+        // The channel and its receive thread end before the cameras go.
         hal_hidraw_deinit();
         joinHidThreadPool();
+        models.clear();
+    }
+
+    // A camera (or any HID device) on a hidraw node, kept to the end of
+    // the test.
+    sim::HidCameraModel &add(const char *node, uint16_t vid = kVid, uint16_t pid = kPid)
+    {
+        models.push_back(std::make_unique<sim::HidCameraModel>(board, node, vid, pid));
+        return *models.back();
     }
 
     avmtest::LogCapture log;
     sim::Board board;
+    std::vector<std::unique_ptr<sim::HidCameraModel>> models;
 };
 
 TEST_F(CamHidBoard, TheFirstNodeWithTheCamerasIdsThatTakesTheProbeIsTheCamera)
 {
-    sim::HidCameraModel keyboard(board, "/dev/hidraw1", 0x046D, 0xC31C);
-    sim::HidCameraModel camera(board, "/dev/hidraw3");
-    sim::HidCameraModel twin(board, "/dev/hidraw6");
+    auto &keyboard = add("/dev/hidraw1", 0x046D, 0xC31C);
+    auto &camera = add("/dev/hidraw3");
+    auto &twin = add("/dev/hidraw6");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     EXPECT_TRUE(hal_hidraw_isConnect());
     EXPECT_EQ(channelPath(), "/dev/hidraw3");
@@ -96,7 +106,7 @@ TEST_F(CamHidBoard, TheFirstNodeWithTheCamerasIdsThatTakesTheProbeIsTheCamera)
 
 TEST_F(CamHidBoard, AMatchingNodeThatCannotBeWrittenFailsTheCheckAndTheStart)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw2");
+    auto &camera = add("/dev/hidraw2");
     camera.setWriteError(true);
     EXPECT_EQ(hal_hidraw_init(kVid, kPid), -1);
     EXPECT_FALSE(hal_hidraw_isConnect());
@@ -109,7 +119,7 @@ TEST_F(CamHidBoard, AMatchingNodeThatCannotBeWrittenFailsTheCheckAndTheStart)
 
 TEST_F(CamHidBoard, NoNodeWithTheIdsGivesMinusOne)
 {
-    sim::HidCameraModel other(board, "/dev/hidraw0", 0x1234, 0x5678);
+    auto &other = add("/dev/hidraw0", 0x1234, 0x5678);
     EXPECT_EQ(hal_hidraw_init(kVid, kPid), -1);
     EXPECT_EQ(check_hidraw_name(), -1);
     EXPECT_TRUE(other.reportsWritten().empty());
@@ -137,7 +147,7 @@ TEST_F(CamHidBoard, AFailedStartLeavesTheCloseLockHeldUntilTheNextStartTakesItOv
     EXPECT_EQ(hal_hidraw_init(kVid, kPid), -1);
     // The lock is still held: tearing it down fails as for a locked mutex.
     EXPECT_EQ(joinHidThreadPool(), EBUSY);
-    sim::HidCameraModel camera(board, "/dev/hidraw4");
+    add("/dev/hidraw4");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     EXPECT_EQ(channelPath(), "/dev/hidraw4");
     hal_hidraw_deinit();
@@ -147,7 +157,7 @@ TEST_F(CamHidBoard, AFailedStartLeavesTheCloseLockHeldUntilTheNextStartTakesItOv
 
 TEST_F(CamHidBoard, TheProbesDescriptorIsNeitherKeptNorClosed)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    add("/dev/hidraw0");
     ASSERT_EQ(descriptorsOn(board, "/dev/hidraw0"), 0);
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     // The probe's descriptor and the channel's.
@@ -160,7 +170,7 @@ TEST_F(CamHidBoard, TheProbesDescriptorIsNeitherKeptNorClosed)
 
 TEST_F(CamHidBoard, ASendWritesAtMost64Bytes)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     std::vector<uint8_t> big(100, 0x5A);
     EXPECT_EQ(hal_hidraw_sendData(big.data(), static_cast<int>(big.size())), 64);
@@ -175,7 +185,7 @@ TEST_F(CamHidBoard, ASendWritesAtMost64Bytes)
 
 TEST_F(CamHidBoard, AReceiveReadsAtMost1024Bytes)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     // Without the receive thread, the channel opened again by hand.
     hal_hidraw_deinit();
@@ -201,7 +211,7 @@ TEST_F(CamHidBoard, AReceiveReadsAtMost1024Bytes)
 
 TEST_F(CamHidBoard, TheReceiveThreadHandsTheVersionAnswerToTheCameraVersion)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     camera.setVersion("X3M-DUAL 2.7.1 (made up)");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     uint8_t request[64] = {0xAA, 0xBB, 0xCC, 0x20, 0x06};
@@ -214,7 +224,7 @@ TEST_F(CamHidBoard, TheReceiveThreadHandsTheVersionAnswerToTheCameraVersion)
 
 TEST_F(CamHidBoard, AWriteErrorClosesTheChannelAndTheNextSendOpensItAgain)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     camera.setWriteError(true);
     const uint8_t report[4] = {1, 2, 3, 4};
@@ -232,7 +242,7 @@ TEST_F(CamHidBoard, AWriteErrorClosesTheChannelAndTheNextSendOpensItAgain)
 
 TEST_F(CamHidBoard, AReadErrorClosesTheChannelAndEndsTheReceiveThread)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     camera.setReadError(true);
     EXPECT_TRUE(log.waitFor("hidraw", "hal_hidraw_recvData read device Error: Input/output error\r\n", kWait));
@@ -244,7 +254,7 @@ TEST_F(CamHidBoard, AReadErrorClosesTheChannelAndEndsTheReceiveThread)
 
 TEST_F(CamHidBoard, AnUnpluggedCameraClosesTheChannelAndIsNoLongerFound)
 {
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     camera.unplug();
     EXPECT_TRUE(log.waitFor("hidraw", "read device Error: No such device\r\n", kWait));

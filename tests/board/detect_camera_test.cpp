@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -40,16 +41,6 @@ bool isCurrent(uint32_t vid, uint32_t pid)
     return cam.vid == vid && cam.pid == pid;
 }
 
-// The first entry the listing gives whose device is one of `devices`.
-std::string firstListed(const sim::UsbSysfs &usb, const std::vector<std::string> &devices)
-{
-    for (const auto &entry : usb.listing())
-        for (const auto &device : devices)
-            if (entry == device || entry == device + ":1.0")
-                return device;
-    return "";
-}
-
 // A camera read through its USB descriptor: bulk interface 0 with an IN
 // and an OUT endpoint.
 sim::UsbDeviceDescription usbCamera(uint16_t vid, uint16_t pid, uint16_t bcd)
@@ -71,33 +62,43 @@ class CamDetectBoard : public ::testing::Test {
 protected:
     void TearDown() override
     {
+        // The channel and its receive thread end before the cameras go.
         hal_hidraw_deinit();
         joinHidThreadPool();
+        cameras.clear();
+    }
+
+    // The camera's HID interface on a hidraw node, kept to the end of the
+    // test.
+    sim::HidCameraModel &hid(const char *node, uint16_t vid = 0x2E7D, uint16_t pid = 0x051A)
+    {
+        cameras.push_back(std::make_unique<sim::HidCameraModel>(board, node, vid, pid));
+        return *cameras.back();
     }
 
     avmtest::LogCapture log;
     sim::Board board;
+    std::vector<std::unique_ptr<sim::HidCameraModel>> cameras;
 };
 
 TEST_F(CamDetectBoard, OfTwoSupportedCamerasTheOneListedFirstWins)
 {
     sim::UsbSysfs usb(board);
-    usb.attach("1-1", 0x2E7D, 0x0502); // cam 3559
-    usb.attach("1-2", 0x254A, 0x0C02); // cam smart 3559
+    // cam 3559 listed before cam smart 3559.
+    const auto names = usb.attachInOrder({{0x2E7D, 0x0502}, {0x254A, 0x0C02}});
+    ASSERT_EQ(names.size(), 2u);
+    ASSERT_LT(usb.listedAt(names[0]), usb.listedAt(names[1]));
     ASSERT_TRUE(get_camera_pidVid());
-    const std::string first = firstListed(usb, {"1-1", "1-2"});
-    ASSERT_FALSE(first.empty());
-    EXPECT_STREQ(cam_detect_current().name, first == "1-1" ? "cam 3559" : "cam smart 3559");
-    // The other way round: the listing decides again.
-    usb.remove("1-1");
-    usb.remove("1-2");
-    usb.attach("1-3", 0x254A, 0x0C02);
-    usb.attach("1-4", 0x2E7D, 0x0502);
+    EXPECT_STREQ(cam_detect_current().name, "cam 3559");
+    EXPECT_TRUE(log.contains(kTag, std::to_string(getppid()) + " " + std::to_string(gettid()) + " 2e7d:0502\n"));
+    // The other way round.
+    for (const auto &name : names)
+        usb.remove(name);
+    const auto swapped = usb.attachInOrder({{0x254A, 0x0C02}, {0x2E7D, 0x0502}});
+    ASSERT_EQ(swapped.size(), 2u);
     ASSERT_TRUE(get_camera_pidVid());
-    const std::string again = firstListed(usb, {"1-3", "1-4"});
-    EXPECT_STREQ(cam_detect_current().name, again == "1-3" ? "cam smart 3559" : "cam 3559");
-    EXPECT_TRUE(log.contains(kTag, std::to_string(getppid()) + " " + std::to_string(gettid()) + " " +
-                                       (again == "1-3" ? "254a:0c02\n" : "2e7d:0502\n")));
+    EXPECT_STREQ(cam_detect_current().name, "cam smart 3559");
+    EXPECT_TRUE(log.contains(kTag, std::to_string(getppid()) + " " + std::to_string(gettid()) + " 254a:0c02\n"));
 }
 
 TEST_F(CamDetectBoard, Row3sUeventLineIsTheDualCameraThatHandsOutItsLogs)
@@ -136,20 +137,18 @@ TEST_F(CamDetectBoard, AnUnsupportedDeviceLeavesTheCurrentCameraAsItWas)
 TEST_F(CamDetectBoard, AnUnreadableUeventIsLoggedAndTheScanGoesOn)
 {
     sim::UsbSysfs usb(board);
-    usb.attach("1-1", 0x2E7D, 0x0502);
-    usb.breakUevent("1-1");
-    usb.attach("1-2", 0x2E7D, 0x051B);
+    // The broken entry is listed first, the working camera after it.
+    const auto names = usb.attachInOrder({{0x2E7D, 0x0502}, {0x2E7D, 0x051B}});
+    ASSERT_EQ(names.size(), 2u);
+    usb.breakUevent(names[0]);
     ASSERT_TRUE(get_camera_pidVid());
     EXPECT_TRUE(isCurrent(0x2E7D, 0x051B));
-    const std::string line = std::to_string(getppid()) + " " + std::to_string(gettid()) +
-                             " open /sys/bus/usb/devices/1-1/uevent failed!\n";
-    // Listed after the working camera, the broken one is never reached.
-    if (firstListed(usb, {"1-1", "1-2"}) == "1-1")
-        EXPECT_GE(log.countContaining(kTag, " open /sys/bus/usb/devices/1-1"), 1u);
-    else
-        EXPECT_EQ(log.countContaining(kTag, " open /sys/bus/usb/devices/1-1"), 0u);
-    usb.remove("1-2");
+    const std::string prefix = std::to_string(getppid()) + " " + std::to_string(gettid()) +
+                               " open /sys/bus/usb/devices/" + names[0];
+    EXPECT_GE(log.countContaining(kTag, prefix), 1u);
+    usb.remove(names[1]);
     EXPECT_FALSE(get_camera_pidVid());
+    const std::string line = prefix + "/uevent failed!\n";
     EXPECT_TRUE(log.contains(kTag, line));
     EXPECT_EQ(log.priorityOf(kTag, line), ANDROID_LOG_ERROR);
 }
@@ -175,7 +174,7 @@ TEST_F(CamDetectBoard, WithTheVersionKnownTheDetectionLeavesSysfsAlone)
 {
     sim::UsbSysfs usb(board);
     usb.attach("1-1", 0x2E7D, 0x051A);
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = hid("/dev/hidraw0");
     detectHal_camera_version_update("X3M-DUAL 9.9.9 (made up)");
     ASSERT_FALSE(cam_detect_need_update_version());
     // A scan would log this broken entry.
@@ -191,7 +190,7 @@ TEST_F(CamDetectBoard, TheVersionRequestGoesOutAndItsAnswerBecomesTheProperty)
 {
     sim::UsbSysfs usb(board);
     usb.attach("1-1", 0x2E7D, 0x051A);
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = hid("/dev/hidraw0");
     camera.setVersion("X3M-DUAL 3.1.0 (made up)");
     EXPECT_EQ(detectCamVersion(), 64);
     EXPECT_TRUE(log.contains(kTag, "founded camera vid 2e7d pid 51a name: cam x3m dual!"));
@@ -217,7 +216,7 @@ TEST_F(CamDetectBoard, AnOpenChannelIsUsedAsItIs)
 {
     sim::UsbSysfs usb(board);
     usb.attach("1-1", 0x2E7D, 0x0508);
-    sim::HidCameraModel camera(board, "/dev/hidraw5", 0x2E7D, 0x0508);
+    auto &camera = hid("/dev/hidraw5", 0x2E7D, 0x0508);
     camera.setSilent(true);
     ASSERT_EQ(hal_hidraw_init(0x2E7D, 0x0508), 0);
     EXPECT_EQ(detectCamVersion(), 64);
@@ -239,7 +238,7 @@ TEST_F(CamDetectBoard, TheDetectionThreadPublishesTheCameraVersion)
 {
     sim::UsbSysfs usb(board);
     usb.attach("1-1", 0x2E7D, 0x051A);
-    sim::HidCameraModel camera(board, "/dev/hidraw0");
+    auto &camera = hid("/dev/hidraw0");
     camera.setVersion("X3M-DUAL 4.0.2 (made up)");
     const avmanager_module_t *hmi = nullptr;
     ASSERT_TRUE(avmtest::startModule(hmi)); // every switch off: detection only

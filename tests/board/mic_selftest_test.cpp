@@ -114,12 +114,18 @@ protected:
 TEST_F(MicSelfTestBoard, AFactoryMicrophoneTestGoesTestingThenGivesOneDigitPerMicrophone)
 {
     mic.setMicResult(4, 5);
+    // The DSP is busy at first: the tool sees "testing" while it waits.
+    mic.setTestsSilent(true);
     set("persist.sys.offmic", "true");
     set("mic.hw.test.req", "1");
     PropertyWatch ret("mic.hw.test.ret");
     start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "testing"; }, kWait));
+    ASSERT_TRUE(dsp.waitForCommand("MIC_TEST=?", kWait));
+    mic.setTestsSilent(false);
     ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "0101"; }, kWait));
-    EXPECT_TRUE(ret.sawInOrder("testing", "0101"));
+    // The tool polling the result saw it go from testing to the digits.
+    EXPECT_TRUE(sim::waitUntil([&] { return ret.sawInOrder("testing", "0101"); }, kWait));
     EXPECT_EQ(prop("mic.hw.test.req"), "0");
     // The test is started (again on each pass until the DSP says it is
     // testing), then its result is asked for until it comes.
@@ -140,13 +146,21 @@ TEST_F(MicSelfTestBoard, TwoAuxiliaryTestsReportPassAndFail)
     set("mic.hw.auxtest.num", "2");
     set("mic.hw.auxtest0.req", "1");
     set("mic.hw.auxtest1.req", "1");
+    // Both tests show "testing" while the DSP is busy with them.
+    mic.setTestsSilent(true);
     PropertyWatch ret0("mic.hw.auxtest0.ret");
     PropertyWatch ret1("mic.hw.auxtest1.ret");
     start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.auxtest0.ret") == "testing" &&
+                                           prop("mic.hw.auxtest1.ret") == "testing"; },
+                               kWait));
+    ASSERT_TRUE(dsp.waitForCommand("AUX_TEST[1]=?", kWait));
+    mic.setTestsSilent(false);
     ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.auxtest0.ret") == "1" && prop("mic.hw.auxtest1.ret") == "0"; },
                                kWait));
-    EXPECT_TRUE(ret0.sawInOrder("testing", "1"));
-    EXPECT_TRUE(ret1.sawInOrder("testing", "0"));
+    // The tool polling the results saw both go from testing to the result.
+    EXPECT_TRUE(sim::waitUntil([&] { return ret0.sawInOrder("testing", "1"); }, kWait));
+    EXPECT_TRUE(sim::waitUntil([&] { return ret1.sawInOrder("testing", "0"); }, kWait));
     EXPECT_EQ(prop("mic.hw.auxtest0.req"), "0");
     EXPECT_EQ(prop("mic.hw.auxtest1.req"), "0");
     for (const char *command : {"AUX_TEST[0]=?", "AUX_TEST[1]=?"})

@@ -18,6 +18,8 @@
 #include <vector>
 
 #include <cutils/properties.h>
+#include <dlfcn.h>
+#include <hardware/hardware.h>
 
 #include "console.h"
 #include "sim/dsp_mic_model.h"
@@ -40,6 +42,21 @@ constexpr uint16_t kUsbCameraRelease = 0x0412;
 // usbfs device for the cameras whose version is their release number.
 struct CameraRig {
     explicit CameraRig(sim::Board &b) : board(b), usb(b), hid(b, "/dev/hidraw0") {}
+    // The module's HID channel is stopped before the camera goes: unplugged
+    // first (the detection thread cannot start it again), then its receive
+    // thread ended.
+    ~CameraRig()
+    {
+        if (hid.plugged())
+            hid.unplug();
+        const hw_module_t *module = nullptr;
+        if (hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module) != 0 || !module || !module->dso)
+            return;
+        if (auto stop = reinterpret_cast<int (*)(void)>(dlsym(module->dso, "hal_hidraw_deinit")))
+            stop();
+        if (auto join = reinterpret_cast<int (*)(void)>(dlsym(module->dso, "joinHidThreadPool")))
+            join();
+    }
 
     sim::Board &board;
     sim::UsbSysfs usb;
