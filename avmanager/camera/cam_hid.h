@@ -27,6 +27,9 @@ int hal_hidraw_recvData(void *buf, int len);
 bool hal_hidraw_isConnect(void);
 int hal_hidraw_deinit(void);
 int joinHidThreadPool(void);
+/* The receive thread. `arg` carries the start it belongs to (as the
+ * channel's start counter plus one), or NULL for the current one; a later
+ * start or a stop ends it after its read in progress. */
 void *hal_hidRcveData_THREAD(void *arg);
 
 /* The node the channel found last ("" until one was found). Copied into
