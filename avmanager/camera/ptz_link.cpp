@@ -35,7 +35,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "camera/cam_hid.h"
+#include "camera/cam_logs.h"
 #include "camera/camera_pipe.h"
 #include "camera/ptz_requests.h"
 #include "common/hal_usart.h"

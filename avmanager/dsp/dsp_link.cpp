@@ -486,20 +486,25 @@ int dsp_rx_dispatch(const DspRequest *chunk)
 {
     if (!chunk)
         return 0;
-    // Work on a copy whose text is terminated within its field: a full
-    // 512-byte chunk loses its last byte rather than run off the end.
-    DspRequest copy = *chunk;
-    if (copy.length > DSP_REQUEST_TEXT_SIZE)
-        copy.length = DSP_REQUEST_TEXT_SIZE;
-    copy.text[copy.length < kMaxTextChars ? copy.length : kMaxTextChars] = '\0';
+    // The reply handlers read a terminated text: a copy one byte longer
+    // than the field holds every received byte, a full 512-byte chunk
+    // included, and a terminator after them.
+    DspRequest record = *chunk;
+    if (record.length > DSP_REQUEST_TEXT_SIZE)
+        record.length = DSP_REQUEST_TEXT_SIZE;
+    char text[DSP_REQUEST_TEXT_SIZE + 1];
+    memcpy(text, record.text, record.length);
+    text[record.length] = '\0';
+    // The file transfer gets the record with the received bytes only.
+    memset(record.text + record.length, 0, sizeof(record.text) - record.length);
 
     // One read is one reply: a chunk holding several replies is not split,
     // and only its start is looked at.
-    int row = dsp_rx_match(copy.text);
+    int row = dsp_rx_match(text);
     if (row > 0)
-        kRxTable[row - 1].handle(copy.text);
+        kRxTable[row - 1].handle(text);
     // Every chunk is offered to the file transfer too, matched or not.
-    dsp_rx_file_operations_handle(copy);
+    dsp_rx_file_operations_handle(record);
     return row;
 }
 

@@ -13,7 +13,7 @@
 
 #include <android/log.h>
 
-#include "camera/cam_hid.h"
+#include "camera/cam_logs.h"
 #include "camera/ptz_requests.h"
 #include "codec/usb_hdmi_out.h"
 #include "dsp/dsp_audio.h"

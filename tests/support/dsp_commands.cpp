@@ -30,6 +30,11 @@ std::vector<std::string> without(const std::vector<std::string> &commands, const
     return out;
 }
 
+std::vector<std::string> withoutVersionQueries(const std::vector<std::string> &commands)
+{
+    return without(commands, "VER_FULL=?");
+}
+
 DspRequest receivedChunk(const std::string &bytes)
 {
     DspRequest r;

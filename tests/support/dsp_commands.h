@@ -24,6 +24,11 @@ long indexOf(const std::vector<std::string> &commands, const std::string &prefix
 // The commands other than `marker`, in order.
 std::vector<std::string> without(const std::vector<std::string> &commands, const std::string &marker);
 
+// The commands without the detection thread's version queries
+// ("VER_FULL=?"): a started module posts one on its first detection pass
+// and one every 300 ms after it while the DSP has not answered.
+std::vector<std::string> withoutVersionQueries(const std::vector<std::string> &commands);
+
 // A received chunk as the receive thread hands it over: zeroed record,
 // the bytes in the text (not terminated when they fill it), their count
 // in length.

@@ -124,6 +124,8 @@ protected:
             std::lock_guard<std::mutex> lock(gCallsMutex);
             gCalls.clear();
         }
+        // A restore an earlier test started has ended; passes count afresh.
+        ASSERT_TRUE(waitUntil([] { return !initParameterLock.test(); }, 5000ms));
         gRestorePasses.store(0);
     }
     void TearDown() override
@@ -639,23 +641,48 @@ TEST_F(DspLinkTest, ChunkHoldingSeveralRepliesIsNotSplit)
     EXPECT_EQ(calls()[0].arg, "MV=-1.00\nMT=1\n");
 }
 
-TEST_F(DspLinkTest, FullSizeChunkIsHandedOnTerminated)
+TEST_F(DspLinkTest, FullSizeChunkIsHandedOnWholeAndTerminated)
 {
     DspRequest r;
     memset(&r, 0, sizeof(r));
-    std::string big = "MV=" + std::string(509, '9');
+    std::string big = "MV=" + std::string(508, '9') + "7";
+    ASSERT_EQ(big.size(), 512u);
     memcpy(r.text, big.data(), 512);
     r.length = 512;
     EXPECT_EQ(dsp_rx_dispatch(&r), 5);
     auto c = calls();
     ASSERT_EQ(c.size(), 2u);
-    EXPECT_EQ(c[0].arg, big.substr(0, 511));
+    // All 512 bytes reach the reply handler, the last one included.
+    EXPECT_EQ(c[0].arg, big);
+    EXPECT_EQ(c[1].arg, big);
     EXPECT_EQ(c[1].length, 512u);
     // A bogus length is held to the text field.
     r.length = 100000;
     EXPECT_EQ(dsp_rx_dispatch(&r), 5);
     EXPECT_EQ(calls().back().length, 512u);
     EXPECT_EQ(dsp_rx_dispatch(nullptr), 0);
+}
+
+TEST_F(DspLinkTest, ChunkEndsAtItsByteCountWhateverFollowsInTheRecord)
+{
+    DspRequest r = receivedChunk("MT=1");
+    memcpy(r.text + 4, "XYZ", 3); // stale bytes past the count
+    EXPECT_EQ(dsp_rx_dispatch(&r), 6);
+    auto c = calls();
+    ASSERT_EQ(c.size(), 2u);
+    EXPECT_EQ(c[0].arg, "MT=1");
+    EXPECT_EQ(c[1].arg, "MT=1");
+    EXPECT_EQ(c[1].length, 4u);
+}
+
+TEST_F(DspLinkTest, FullSizeMicTestAnswerReachesItsHandlerWhole)
+{
+    std::string answer = "MIC_TEST=" + std::string(502, '1') + "9";
+    ASSERT_EQ(answer.size(), 512u);
+    DspRequest r = receivedChunk(answer);
+    EXPECT_EQ(dsp_rx_dispatch(&r), 1);
+    ASSERT_GE(calls().size(), 1u);
+    EXPECT_EQ(calls()[0].arg, answer.substr(9));
 }
 
 TEST_F(DspLinkTest, TwoVersionRepliesInQuickSuccessionStartOneRestore)

@@ -82,6 +82,9 @@ private:
 void buildModels(sim::Board &board, ModelSet &models);
 // The USB devices: the HDMI-out converter ("hdmi") and its commands.
 void addUsbModels(sim::Board &board, ModelSet &models);
+// Device detection: the USB camera ("cam") and the microphones' test
+// answers and power switch ("mic", a feature of the DSP model).
+void addDetectModels(sim::Board &board, ModelSet &models, sim::DspModel &dsp);
 
 // The Fig DSP model on /dev/ttyS2 and the "fig" commands that start and stop
 // the module's Fig link; `dsp` is the audio DSP model it shares the port

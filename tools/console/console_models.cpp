@@ -414,6 +414,7 @@ void buildModels(sim::Board &board, ModelSet &models)
     installTuningFiles(board);
     addFigModels(board, models, &dsp);
     addUsbModels(board, models);
+    addDetectModels(board, models, dsp);
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }

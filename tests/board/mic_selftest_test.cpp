@@ -1,0 +1,307 @@
+// The detection thread's microphone work on the virtual board, as factory
+// tools drive it: request and result properties, the DSP's test queries
+// and answers on the DSP line, the DSP version query, the one-time
+// microphone power cycle after boot on the power switch, and the counters.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+
+#include "avmanager_hal.h"
+#include "dsp_commands.h"
+#include "dsp_on_board.h"
+#include "log_capture.h"
+#include "module_on_board.h"
+#include "sim/board.h"
+#include "sim/dsp_mic_model.h"
+#include "sim/mic_power_model.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kWait = 10s;
+using avmtest::prop;
+
+// Records every value a property takes, as a tool polling it would see
+// them (consecutive repeats once).
+class PropertyWatch {
+public:
+    explicit PropertyWatch(std::string key) : key_(std::move(key))
+    {
+        thread_ = std::thread([this] {
+            while (!stop_.load()) {
+                const std::string value = prop(key_.c_str());
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    if (values_.empty() || values_.back() != value)
+                        values_.push_back(value);
+                }
+                std::this_thread::sleep_for(5ms);
+            }
+        });
+    }
+    ~PropertyWatch()
+    {
+        stop_.store(true);
+        thread_.join();
+    }
+    std::vector<std::string> values() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return values_;
+    }
+    // Whether `first` was seen and `then` after it.
+    bool sawInOrder(const std::string &first, const std::string &then) const
+    {
+        const auto seen = values();
+        for (size_t i = 0; i < seen.size(); ++i)
+            if (seen[i] == first)
+                for (size_t j = i + 1; j < seen.size(); ++j)
+                    if (seen[j] == then)
+                        return true;
+        return false;
+    }
+
+private:
+    std::string key_;
+    std::atomic<bool> stop_{false};
+    mutable std::mutex mutex_;
+    std::vector<std::string> values_;
+    std::thread thread_;
+};
+
+class MicSelfTestBoard : public ::testing::Test, protected avmtest::DspOnBoard {
+protected:
+    void TearDown() override
+    {
+        if (up)
+            avmtest::releaseModule(hmi, &dsp);
+    }
+
+    void set(const char *key, const char *value) { ASSERT_EQ(property_set(key, value), 0) << key; }
+
+    void start()
+    {
+        set("persist.vendor.dsp.communication", "1");
+        up = avmtest::startModule(hmi);
+        ASSERT_TRUE(up);
+    }
+
+    size_t sent(const std::string &command) const
+    {
+        size_t n = 0;
+        for (const auto &c : dsp.commands())
+            n += c == command;
+        return n;
+    }
+
+    size_t sentWithPrefix(const std::string &prefix) const { return avmtest::withPrefix(dsp.commands(), prefix).size(); }
+
+    sim::DspMicTest mic{dsp};
+    sim::MicPowerSwitch power{board};
+    const avmanager_module_t *hmi = nullptr;
+    bool up = false;
+};
+
+TEST_F(MicSelfTestBoard, AFactoryMicrophoneTestGoesTestingThenGivesOneDigitPerMicrophone)
+{
+    mic.setMicResult(4, 5);
+    // The DSP is busy at first: the tool sees "testing" while it waits.
+    mic.setTestsSilent(true);
+    set("persist.sys.offmic", "true");
+    set("mic.hw.test.req", "1");
+    PropertyWatch ret("mic.hw.test.ret");
+    start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "testing"; }, kWait));
+    ASSERT_TRUE(dsp.waitForCommand("MIC_TEST=?", kWait));
+    mic.setTestsSilent(false);
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "0101"; }, kWait));
+    // The tool polling the result saw it go from testing to the digits.
+    EXPECT_TRUE(sim::waitUntil([&] { return ret.sawInOrder("testing", "0101"); }, kWait));
+    EXPECT_EQ(prop("mic.hw.test.req"), "0");
+    // The test is started (again on each pass until the DSP says it is
+    // testing), then its result is asked for until it comes.
+    EXPECT_GE(sent("MIC_TEST=?"), 1u);
+    EXPECT_GE(sent("MIC_TEST_RET=?"), 2u);
+    EXPECT_LT(avmtest::indexOf(dsp.commands(), "MIC_TEST=?"), avmtest::indexOf(dsp.commands(), "MIC_TEST_RET=?"));
+    EXPECT_TRUE(log.contains("DETECT_HAL", "dsp_mic_status_update enter status 4,5 \n"));
+    // Nothing more is asked once the answer is in.
+    const size_t queries = sentWithPrefix("MIC_TEST");
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(sentWithPrefix("MIC_TEST"), queries);
+}
+
+TEST_F(MicSelfTestBoard, TwoAuxiliaryTestsReportPassAndFail)
+{
+    mic.setAuxResult(0, true);
+    mic.setAuxResult(1, false);
+    set("mic.hw.auxtest.num", "2");
+    set("mic.hw.auxtest0.req", "1");
+    set("mic.hw.auxtest1.req", "1");
+    // Both tests show "testing" while the DSP is busy with them.
+    mic.setTestsSilent(true);
+    PropertyWatch ret0("mic.hw.auxtest0.ret");
+    PropertyWatch ret1("mic.hw.auxtest1.ret");
+    start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.auxtest0.ret") == "testing" &&
+                                           prop("mic.hw.auxtest1.ret") == "testing"; },
+                               kWait));
+    ASSERT_TRUE(dsp.waitForCommand("AUX_TEST[1]=?", kWait));
+    mic.setTestsSilent(false);
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.auxtest0.ret") == "1" && prop("mic.hw.auxtest1.ret") == "0"; },
+                               kWait));
+    // The tool polling the results saw both go from testing to the result.
+    EXPECT_TRUE(sim::waitUntil([&] { return ret0.sawInOrder("testing", "1"); }, kWait));
+    EXPECT_TRUE(sim::waitUntil([&] { return ret1.sawInOrder("testing", "0"); }, kWait));
+    EXPECT_EQ(prop("mic.hw.auxtest0.req"), "0");
+    EXPECT_EQ(prop("mic.hw.auxtest1.req"), "0");
+    for (const char *command : {"AUX_TEST[0]=?", "AUX_TEST[1]=?"})
+        EXPECT_GE(sent(command), 1u) << command;
+    EXPECT_GE(sent("AUX_TEST_RET[0]=?"), 2u);
+    EXPECT_GE(sent("AUX_TEST_RET[1]=?"), 2u);
+    // Without "persist.sys.offmic" the microphone test itself is not run.
+    EXPECT_EQ(sent("MIC_TEST=?"), 0u);
+}
+
+TEST_F(MicSelfTestBoard, AFailedFirstTestPowerCyclesTheMicrophonesOncePerBoot)
+{
+    set("vendor.mic.test.monitor", "1");
+    set("vendor.mic.test.ret", "0111");
+    start();
+    ASSERT_TRUE(power.waitForWrites(2, kWait));
+    const auto writes = power.writes();
+    EXPECT_EQ(power.values(), (std::vector<std::string>{"0", "1"}));
+    // Off for three seconds.
+    EXPECT_GE(writes[1].when - writes[0].when, 2900ms);
+    EXPECT_EQ(power.current(), "1");
+    EXPECT_TRUE(log.contains("DETECT_HAL", "mictest reset\n"));
+    // A new test is asked for.
+    EXPECT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "ING"; }, kWait));
+    EXPECT_EQ(prop("mic.hw.test.req"), "1");
+    // The failure is still there on the next passes; the cycle is not
+    // repeated.
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(power.writes().size(), 2u);
+    EXPECT_EQ(log.count("DETECT_HAL", "mictest reset\n"), 1u);
+}
+
+TEST_F(MicSelfTestBoard, APassedFirstTestLeavesThePowerAlone)
+{
+    set("vendor.mic.test.monitor", "1");
+    set("vendor.mic.test.ret", "1111");
+    start();
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_TRUE(power.writes().empty());
+    // Nor does a later failure: only the first result after boot counts.
+    set("vendor.mic.test.ret", "0000");
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_TRUE(power.writes().empty());
+}
+
+TEST_F(MicSelfTestBoard, WithRecordTestOnTheCountersCountTestsFailuresAndRepeatedFailures)
+{
+    mic.setMicResult(4, 15);
+    set("persist.sys.offmic", "true");
+    set("persist.mic.en_record_test", "1");
+    set("persist.mic.test_num", "7");
+    set("vendor.mic.test.monitor", "1");
+    set("vendor.mic.test.ret", "testing");
+    start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.mic.test_num") == "8"; }, kWait));
+    EXPECT_TRUE(log.contains("DETECT_HAL", "detectMicStatus enter \n"));
+    // The result the monitor sees comes in failed.
+    set("vendor.mic.test.ret", "0011");
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.mic.fail_num") == "1"; }, kWait));
+    ASSERT_TRUE(power.waitForWrites(2, kWait));
+    // After the power cycle it still fails.
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.mic.dual_fail_num") == "1"; }, kWait));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(prop("persist.mic.test_num"), "8"); // once per boot
+    EXPECT_EQ(prop("persist.mic.fail_num"), "1");
+    EXPECT_EQ(prop("persist.mic.dual_fail_num"), "1");
+    EXPECT_EQ(power.writes().size(), 2u);
+}
+
+TEST_F(MicSelfTestBoard, UnansweredTheMicrophoneTestIsAskedForEvery300Ms)
+{
+    mic.setTestsSilent(true);
+    set("persist.sys.offmic", "true");
+    start();
+    std::this_thread::sleep_for(2500ms);
+    // One pass every 300 ms (plus the pass's own work).
+    EXPECT_GE(sent("MIC_TEST=?"), 4u);
+    EXPECT_LE(sent("MIC_TEST=?"), 10u);
+    EXPECT_EQ(sent("MIC_TEST_RET=?"), 0u);
+    EXPECT_EQ(prop("mic.hw.test.ret"), "testing");
+    // Once the DSP answers for good, the queries stop.
+    mic.setTestsSilent(false);
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "1111"; }, kWait));
+    const size_t queries = sentWithPrefix("MIC_TEST");
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(sentWithPrefix("MIC_TEST"), queries);
+}
+
+TEST_F(MicSelfTestBoard, AStatusAnswerOf4And5Gives0101)
+{
+    mic.setTestDuration(0); // the start query gets the final answer
+    mic.setMicResult(4, 5);
+    set("persist.sys.offmic", "true");
+    start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("mic.hw.test.ret") == "0101"; }, kWait));
+    EXPECT_EQ(sent("MIC_TEST_RET=?"), 0u);
+}
+
+TEST_F(MicSelfTestBoard, AnAuxiliaryTestCountOf5RunsNoAuxiliaryTest)
+{
+    set("mic.hw.auxtest.num", "5");
+    set("mic.hw.auxtest0.req", "1");
+    start();
+    ASSERT_TRUE(dsp.waitForCommand("VER_FULL=?", kWait));
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_EQ(sentWithPrefix("AUX_TEST"), 0u);
+    EXPECT_EQ(prop("mic.hw.auxtest0.ret"), "");
+}
+
+TEST_F(MicSelfTestBoard, WithoutOffmicNoMicrophoneQueryGoesOutWhileTheVersionIsStillAsked)
+{
+    mic.setVersionSilent(true);
+    set("mic.hw.test.req", "1");
+    start();
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_EQ(sentWithPrefix("MIC_TEST"), 0u);
+    // The version stays unanswered, so it is asked for on every pass.
+    EXPECT_GE(sent("VER_FULL=?"), 3u);
+    EXPECT_EQ(prop("persist.sys.dune.update"), "1");
+    EXPECT_EQ(prop("mic.hw.test.ret"), "");
+}
+
+TEST_F(MicSelfTestBoard, TheVersionIsAskedAtStartAndAgainWhenTheMicrophonesPowerUp)
+{
+    mic.setVersion("AVM-DSP 7.7.7 (made up)");
+    start();
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.sys.dune.version") == "AVM-DSP 7.7.7 (made up)"; }, kWait));
+    EXPECT_EQ(prop("persist.sys.dune.update"), "0");
+    // The answer changed the stored version (from nothing), which is asked
+    // about once more; then the queries stop.
+    ASSERT_TRUE(sim::waitUntil([&] { return sent("VER_FULL=?") == 2u; }, kWait));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(sent("VER_FULL=?"), 2u);
+    // The DSP reports the microphones powered: the version is refreshed.
+    dsp.send("MIC_PWR_ON=1");
+    ASSERT_TRUE(sim::waitUntil([&] { return sent("VER_FULL=?") == 3u; }, kWait));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(sent("VER_FULL=?"), 3u);
+    // And a changed stored version is asked about too.
+    set("persist.sys.dune.version", "edited");
+    ASSERT_TRUE(sim::waitUntil([&] { return sent("VER_FULL=?") >= 4u; }, kWait));
+}
+
+} // namespace
