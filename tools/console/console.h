@@ -88,6 +88,10 @@ void addUsbModels(sim::Board &board, ModelSet &models);
 // with (console_fig.cpp).
 void addFigModels(sim::Board &board, ModelSet &models, sim::DspModel *dsp);
 
+// Faults of the platform under the module ("store": the property store
+// refusing writes; console_faults.cpp).
+void addFaultModels(sim::Board &board, ModelSet &models);
+
 // ------------------------------------------------------------ operations
 
 // Kind of one operation argument as typed on the command line.
