@@ -5,7 +5,7 @@
 PRESET ?= default
 JOBS ?= 2
 
-.PHONY: all deps build run test test-default test-asan test-arm test-tsan bench clean
+.PHONY: all deps build run test test-default test-asan test-arm test-tsan bench fuzz fuzz-build fuzz-smoke clean
 
 all: build
 
@@ -49,6 +49,22 @@ test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan -j$(JOBS)
+
+# Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
+# of tests/fuzz for FUZZ_SECONDS each, one after the other, from the
+# checked-in seeds and a working corpus that grows between runs; prints
+# executions, coverage and crashes per harness (docs/fuzzing.md).
+FUZZ_SECONDS ?= 180
+fuzz-build: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+
+fuzz: fuzz-build
+	nice -n 10 scripts/run-fuzz build/fuzz $(FUZZ_SECONDS)
+
+# The short run for the suite: each harness 20 s from its seeds alone.
+fuzz-smoke: fuzz-build
+	scripts/run-fuzz build/fuzz 20 --fresh
 
 # Performance figures (speed lives here, never in tests).
 bench: build

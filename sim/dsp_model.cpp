@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <random>
+#include <thread>
 
 namespace sim {
 
@@ -32,6 +33,8 @@ struct DspModel::Impl {
     std::mt19937 random{20261122u};      // garbage bytes (reader/test thread, under mutex)
     std::atomic<bool> silent{false};     // replies are dropped
     std::atomic<bool> garbage{false};    // replies replaced by random bytes
+    std::atomic<bool> noise{false};      // a random burst and a pause before each reply
+    std::atomic<bool> split{false};      // replies a byte at a time, a pause after each
 
     explicit Impl(Board &board) : line(board, kDspNode, kDspLink) {}
 };
@@ -118,6 +121,27 @@ void DspModel::send(const std::string &reply)
         for (char &c : bytes)
             c = static_cast<char>(byte(impl_->random));
     }
+    if (impl_->noise.load(std::memory_order_relaxed)) {
+        std::string burst;
+        {
+            std::lock_guard<std::mutex> lock(impl_->mutex);
+            std::uniform_int_distribution<int> length(1, 32);
+            std::uniform_int_distribution<int> byte(0, 255);
+            burst.resize(static_cast<size_t>(length(impl_->random)));
+            for (char &c : burst)
+                c = static_cast<char>(byte(impl_->random));
+        }
+        burst[0] = static_cast<char>(burst[0] | 0x80);
+        impl_->line.write(burst.data(), burst.size());
+        std::this_thread::sleep_for(kChunkGap);
+    }
+    if (impl_->split.load(std::memory_order_relaxed)) {
+        for (char c : bytes) {
+            impl_->line.write(&c, 1);
+            std::this_thread::sleep_for(kChunkGap);
+        }
+        return;
+    }
     impl_->line.write(bytes.data(), bytes.size());
 }
 
@@ -130,6 +154,10 @@ void DspModel::addResponder(Responder responder)
 void DspModel::setSilent(bool silent) { impl_->silent.store(silent, std::memory_order_relaxed); }
 
 void DspModel::setGarbage(bool garbage) { impl_->garbage.store(garbage, std::memory_order_relaxed); }
+
+void DspModel::setNoise(bool noise) { impl_->noise.store(noise, std::memory_order_relaxed); }
+
+void DspModel::setSplitAnswers(bool split) { impl_->split.store(split, std::memory_order_relaxed); }
 
 void DspModel::setLineRate(unsigned baud) { impl_->line.setLineRate(baud); }
 

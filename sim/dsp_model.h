@@ -42,6 +42,16 @@ public:
 
     void setSilent(bool silent);   // answers are dropped
     void setGarbage(bool garbage); // answers replaced by random bytes
+    // Before each answer, 1..32 random bytes (the first never ASCII, so
+    // they never read as a reply) and a pause the module's port reads as
+    // the end of a chunk.
+    void setNoise(bool noise);
+    // Each answer goes out a byte at a time, with that pause after every
+    // byte.
+    void setSplitAnswers(bool split);
+    // The pause that ends a chunk: well above the port's 0.1 s inter-byte
+    // time, so that a busy machine does not join the pieces either.
+    static constexpr std::chrono::milliseconds kChunkGap{300};
     void setLineRate(unsigned baud);
 
     Board &board() { return board_; }

@@ -89,6 +89,7 @@ struct PtzCameraModel::Impl {
     int doaStatusAnswer = -1;
 
     bool silent = false;
+    bool unplugged = false; // the line is dead: nothing heard, nothing sent
     bool badChecksum = false;
     bool length57 = false;
     bool split = false;
@@ -101,6 +102,8 @@ struct PtzCameraModel::Impl {
     // Queues a frame (faults applied) for sending after `delay`. Caller holds mutex.
     void queueFrameLocked(RawFrame frame, std::chrono::milliseconds delay)
     {
+        if (unplugged)
+            return;
         if (length57)
             frame[5] = kBadLength;
         frame[63] = PtzCameraModel::checksum(frame.data(), kFrameSize - 1);
@@ -213,6 +216,8 @@ struct PtzCameraModel::Impl {
     void receive(const uint8_t *data, size_t size)
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (unplugged)
+            return; // the bytes go nowhere (the line is still drained)
         rxBuffer.insert(rxBuffer.end(), data, data + size);
         for (;;) {
             auto start = std::search(rxBuffer.begin(), rxBuffer.end(), std::begin(kPtzHead), std::end(kPtzHead));
@@ -319,6 +324,18 @@ std::optional<PtzCameraModel::Frame> PtzCameraModel::lastFrame(uint8_t main, uin
             return *it;
     }
     return std::nullopt;
+}
+
+void PtzCameraModel::setUnplugged(bool unplugged)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->unplugged = unplugged;
+    if (unplugged) {
+        // What was on its way out (a delayed reply, the second half of a
+        // split frame) never arrives; a half-received frame is gone.
+        impl_->outQueue.clear();
+        impl_->rxBuffer.clear();
+    }
 }
 
 #define PTZ_MODEL_SETTER(name, type, field)                                                                 \

@@ -7,8 +7,10 @@
  * status questions), recording the host's answers.
  *
  * Fault modes: silence (no replies), wrong checksum, length byte 57, frames
- * split across two writes with a gap the module reads as two chunks, and
- * replies delayed by a given time.
+ * split across two writes with a gap the module reads as two chunks,
+ * replies delayed by a given time, and unplugged (the camera gone from the
+ * line: what the module sends is lost, nothing comes back, and a reply
+ * already on its way is dropped).
  */
 #pragma once
 
@@ -101,6 +103,7 @@ public:
 
     // ---- faults
     void setSilent(bool silent);             // host requests get no reply
+    void setUnplugged(bool unplugged);       // nothing heard or sent until plugged again
     void setBadChecksum(bool bad);           // outgoing checksums off by one
     void setLength57(bool on);               // outgoing length byte 57
     void setSplitFrames(bool split);         // each frame in two writes 150 ms apart

@@ -5,6 +5,13 @@
  * atomically (temporary file, then rename), so readers in any process see
  * either the old or the new value. Values of PROPERTY_VALUE_MAX characters
  * or more are refused, as on the device.
+ *
+ * Fault injection for tests and the console (keys never begin with ".", so
+ * these names never clash with one): while the store directory holds a file
+ * named ".readonly", every write fails with EROFS; while it holds ".full",
+ * every write fails with ENOSPC. Either way the stored value is left as it
+ * was and reads go on working, as when the device's property service
+ * refuses a write.
  */
 #include <cutils/properties.h>
 
@@ -19,6 +26,8 @@
 namespace {
 
 constexpr const char *kDefaultDir = "/tmp/avmanager-properties";
+constexpr const char *kReadOnlyMarker = ".readonly"; // writes fail with EROFS
+constexpr const char *kFullMarker = ".full";         // writes fail with ENOSPC
 
 const char *storeDir()
 {
@@ -38,6 +47,14 @@ bool keyPath(const char *key, char *out, size_t size)
 {
     int n = snprintf(out, size, "%s/%s", storeDir(), key);
     return n > 0 && static_cast<size_t>(n) < size;
+}
+
+// Whether the store holds the fault marker `name`.
+bool hasMarker(const char *name)
+{
+    char path[4096];
+    int n = snprintf(path, sizeof(path), "%s/%s", storeDir(), name);
+    return n > 0 && static_cast<size_t>(n) < sizeof(path) && access(path, F_OK) == 0;
 }
 
 void copyValue(char *value, const char *src)
@@ -81,6 +98,10 @@ extern "C" int property_set(const char *key, const char *value)
     if (len >= PROPERTY_VALUE_MAX)
         return -EINVAL;
     mkdir(storeDir(), 0777);
+    if (hasMarker(kReadOnlyMarker))
+        return -EROFS;
+    if (hasMarker(kFullMarker))
+        return -ENOSPC;
     char path[4096];
     char tmp[4096];
     if (!keyPath(key, path, sizeof(path)))

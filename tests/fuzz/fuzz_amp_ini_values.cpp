@@ -2,6 +2,9 @@
 // whole tuning file or the values of every register, coefficient and
 // equaliser row of one, and every table must stay in bounds whatever the
 // text holds.
+//
+// Input: one byte whose low bit picks the form (1: a whole file, 0:
+// newline-separated values), then the text.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +15,7 @@
 #include <android/log.h>
 
 #include "amp/amp_tuning.h"
+#include "fuzz_seeds.h"
 #include "process_env.h"
 
 namespace {
@@ -28,7 +32,10 @@ void prepare()
 }
 
 // Splits the text into values (at newlines) and hands them out to the
-// keys of every section in turn.
+// keys of every section in turn: the first rows, a middle one and the last
+// of each (the rows between go through the same code; leaving them out
+// keeps a run fast enough for millions of inputs, and their absence is
+// itself a case the parser must take).
 std::string asValues(const uint8_t *data, size_t size)
 {
     std::string values[8];
@@ -58,7 +65,7 @@ std::string asValues(const uint8_t *data, size_t size)
     char key[16];
     for (const auto &section : sections) {
         out += std::string("[") + section.name + "]\n";
-        for (int row = 0; row < section.rows; ++row) {
+        for (int row : {0, 1, 2, section.rows / 2, section.rows - 1}) {
             snprintf(key, sizeof key, "0x%02x", row);
             out += std::string(key) + " = " + values[next++ % count] + "\n";
         }
@@ -67,6 +74,24 @@ std::string asValues(const uint8_t *data, size_t size)
 }
 
 } // namespace
+
+// Tuning text in the forms scripts/gen-tuning-files writes: a floor file
+// cut to a few rows of each section, rows with the blanks the parser
+// tolerates and the one it does not, and bare values.
+std::vector<std::string> avmfuzz::seeds()
+{
+    const std::string wholeFile(1, '\x01');
+    const std::string values(1, '\x00');
+    return {wholeFile + "; made-up tuning for amp_RL_FLOOR.ini\n"
+                        "[REG_TAB_RL]\n0x00 = 0x3c\n0x01 = 0x81\n0x02 = 0x7f\n0x85 = 0x10\n\n"
+                        "[RAM1_TAB_RL]\n0x00 = 1d, 8c, 03, f2\n0x77 = 00, 7f, ff, ff\n\n"
+                        "[RAM2_TAB_RL]\n0x00 = 20, 00, 00, 00\n\n"
+                        "[ACM8625_TAB_L]\n0x00 = 0x04, 0x11, 0x22, 0x33,0x44\n0x4a = 0xfc, 0x01, 0x02, 0x03,0x04\n\n"
+                        "[ACM8625_TAB_R]\n0x00 = 0x08, 0xa0, 0xb0, 0xc0,0xd0\n",
+            wholeFile + "[RAM1_TAB_RL]\n0x0a = 01,02,03,04\n0x0b = 01 , 02, 03, 04\n",
+            values + "0x5a\n1d, 8c, 03, f2\n0x04, 0x11, 0x22, 0x33,0x44\n",
+            values + "ffffffff\n-1, -2, -3, -4\n0x,0x,0x,0x,0x\n\n\n"};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,6 +1,8 @@
 // Every DSP reply handler over arbitrary text: the receive thread hands
 // them whatever the port delivered (at most 511 bytes, terminated). The
 // handlers must never read or write outside a buffer, whatever the bytes.
+//
+// Input: one byte that picks a reply prefix, then the text after it.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -8,6 +10,7 @@
 #include <string>
 
 #include "dsp/dsp_replies.h"
+#include "fuzz_seeds.h"
 
 namespace {
 
@@ -35,13 +38,40 @@ void runAll(const char *text)
         abort();
 }
 
+constexpr size_t kPrefixCount = sizeof kPrefixes / sizeof kPrefixes[0];
+
+// A seed: the selector of `prefix`, then the text after it.
+std::string seed(const char *prefix, const std::string &rest)
+{
+    for (size_t i = 0; i < kPrefixCount; ++i)
+        if (strcmp(kPrefixes[i], prefix) == 0)
+            return std::string(1, static_cast<char>(i)) + rest;
+    abort();
+}
+
 } // namespace
+
+// The DSP's replies as the board's DSP model words them, and a few the
+// parsers must refuse.
+std::vector<std::string> avmfuzz::seeds()
+{
+    return {seed("MV=", "-11.10"),         seed("VS=", "-65.00"),
+            seed("MT=", "1"),              seed("PER_STAT=", "1, 1"),
+            seed("BAL_LEFT=", "0.50"),     seed("USER_EQ[", "3]=1,1000,2.5000,0.7000"),
+            seed("AOM=", "SPEAKER"),       seed("VER_FULL=", "AVM-DSP 2.4.1 build 0917"),
+            seed("MIC_DOA_REP=", "1"),     seed("MIC_DOA=", "90"),
+            seed("", "PER_STAT=1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26")};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    const size_t choice = size > 0 ? data[0] % kPrefixCount : kPrefixCount - 1;
+    if (size > 0) {
+        ++data;
+        --size;
+    }
     // The receive thread's chunk: at most 511 bytes, always terminated.
     std::string chunk(reinterpret_cast<const char *>(data), size < 511 ? size : 511);
-    const size_t choice = size > 0 ? data[0] % (sizeof kPrefixes / sizeof kPrefixes[0]) : 0;
     std::string text = std::string(kPrefixes[choice]) + chunk.c_str();
     if (text.size() > 511)
         text.resize(511);

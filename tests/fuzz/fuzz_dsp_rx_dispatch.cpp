@@ -6,7 +6,8 @@
 // The first input byte steers half of the inputs onto one of the table's
 // prefixes so every handler sees hostile text, not only the fall-through.
 // The version row is not steered to: it starts the parameter-restore
-// thread, which the link's own tests cover.
+// thread, which the link's own tests cover. An input below 0x80 is the
+// chunk itself.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include <sys/stat.h>
 
 #include "dsp/dsp_link.h"
+#include "fuzz_seeds.h"
 #include "process_env.h"
 #include "test_helpers.h"
 
@@ -33,6 +35,26 @@ bool prepareRoot()
 constexpr int kVersionRow = 2;
 
 } // namespace
+
+// Chunks as the board's DSP model sends them: replies to queries, file
+// answers, reports; and two replies run together in one chunk.
+std::vector<std::string> avmfuzz::seeds()
+{
+    return {"MV=-11.10",
+            "MT=0",
+            "PER_STAT=1, 1",
+            "USER_EQ[7]=2,8000,-3.5000,1.4100",
+            "MIC_DOA_REP=1",
+            "MIC_DOA=135",
+            "AOM=HDMI",
+            "BAL_RIGHT=0.75",
+            "FINF=/data/misc/AllConfigs.bin,2900,0123456789abcdef0123456789abcdef",
+            "FINF=NULL",
+            "FWSTR=/data/misc/AllConfigs.bin,OK",
+            "FWDAT=240,240,OK",
+            "FWEND=/data/misc/AllConfigs.bin,OK",
+            std::string("MV=-20.00\0MT=1", 14)};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

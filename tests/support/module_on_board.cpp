@@ -43,6 +43,8 @@ int stopNudgingDsp(sim::DspModel *dsp, const std::function<int()> &stop)
     if (dsp) {
         dsp->setSilent(false);
         dsp->setGarbage(false);
+        dsp->setNoise(false);
+        dsp->setSplitAnswers(false);
     }
     std::atomic<bool> done{false};
     int result = 0;

@@ -35,7 +35,7 @@ bool startModule(const avmanager_module_t *&hmi);
 // every 150 ms: the receive thread wakes from its select and sees the
 // link going down at once instead of after its 5 s time-out. The gap is
 // above the port's 0.1 s inter-byte time, so each byte ends a read. The
-// DSP's silent and garbage modes are switched off first so the bytes go
+// DSP's fault modes (silence, garbage, noise, split answers) are switched off first so the bytes go
 // out; with no DSP model the helper only waits.
 int stopNudgingDsp(sim::DspModel *dsp, const std::function<int()> &stop);
 

@@ -89,8 +89,11 @@ std::string emulatorFor(const std::string &program)
 
 std::string initProcessRoot()
 {
-    char tmpl[] = "/tmp/avm-test-XXXXXX";
-    if (!mkdtemp(tmpl)) {
+    // Under $TMPDIR when it names a directory (the fuzz runs keep theirs on
+    // a memory file system), else under /tmp.
+    const char *tmpdir = getenv("TMPDIR");
+    std::string tmpl = std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/avm-test-XXXXXX";
+    if (!mkdtemp(tmpl.data())) {
         std::perror("mkdtemp");
         std::abort();
     }

@@ -117,6 +117,37 @@ TEST(PropertyStore, KeysThatWouldLeaveTheStoreAreRefused)
     EXPECT_NE(stat((props.dir() + "/../escape").c_str(), &st), 0);
 }
 
+TEST(PropertyStore, AReadOnlyMarkerRefusesEveryWriteAndKeepsValuesReadable)
+{
+    avmtest::FreshPropertyStore props;
+    ASSERT_EQ(property_set("persist.zel.dsp.volumeVal", "40"), 0);
+    std::ofstream(props.dir() + "/.readonly").close();
+    EXPECT_EQ(property_set("persist.zel.dsp.volumeVal", "50"), -EROFS);
+    EXPECT_EQ(property_set("persist.new.key", "1"), -EROFS);
+    EXPECT_EQ(props.get("persist.zel.dsp.volumeVal"), "40");
+    EXPECT_FALSE(props.isSet("persist.new.key"));
+    std::filesystem::remove(props.dir() + "/.readonly");
+    EXPECT_EQ(property_set("persist.zel.dsp.volumeVal", "50"), 0);
+    EXPECT_EQ(props.get("persist.zel.dsp.volumeVal"), "50");
+}
+
+TEST(PropertyStore, AFullMarkerRefusesEveryWriteWithNoSpaceLeft)
+{
+    avmtest::FreshPropertyStore props;
+    ASSERT_EQ(property_set("a.key", "kept"), 0);
+    std::ofstream(props.dir() + "/.full").close();
+    EXPECT_EQ(property_set("a.key", "lost"), -ENOSPC);
+    EXPECT_EQ(props.get("a.key"), "kept");
+    // Nothing half-written is left behind either.
+    int entries = 0;
+    for (const auto &e : std::filesystem::directory_iterator(props.dir()))
+        entries += e.path().filename() != ".full";
+    EXPECT_EQ(entries, 1);
+    std::filesystem::remove(props.dir() + "/.full");
+    EXPECT_EQ(property_set("a.key", "new"), 0);
+    EXPECT_EQ(props.get("a.key"), "new");
+}
+
 TEST(PropertyStore, ToolsInAnotherProcessShareTheStore)
 {
     avmtest::FreshPropertyStore props;

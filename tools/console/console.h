@@ -91,6 +91,10 @@ void addDetectModels(sim::Board &board, ModelSet &models, sim::DspModel &dsp);
 // with (console_fig.cpp).
 void addFigModels(sim::Board &board, ModelSet &models, sim::DspModel *dsp);
 
+// Faults of the platform under the module ("store": the property store
+// refusing writes; console_faults.cpp).
+void addFaultModels(sim::Board &board, ModelSet &models);
+
 // ------------------------------------------------------------ operations
 
 // Kind of one operation argument as typed on the command line.

@@ -114,6 +114,14 @@ bool dspCommands(sim::DspModel &dsp, const Args &args)
         dsp.setGarbage(on);
         return true;
     }
+    if (sub == "noise" && onOff(args, 1, &on)) {
+        dsp.setNoise(on);
+        return true;
+    }
+    if (sub == "split" && onOff(args, 1, &on)) {
+        dsp.setSplitAnswers(on);
+        return true;
+    }
     long baud = 0;
     if (sub == "rate" && args.size() == 2 && parseInt(args[1], &baud) && baud >= 0) {
         dsp.setLineRate(static_cast<unsigned>(baud));
@@ -296,6 +304,10 @@ bool ptzCommands(sim::PtzCameraModel &ptz, const Args &args)
         ptz.setSilent(on);
         return true;
     }
+    if (args.size() == 1 && (sub == "unplug" || sub == "replug")) {
+        ptz.setUnplugged(sub == "unplug");
+        return true;
+    }
     if (args.size() == 3 && sub == "fault" && onOff(args, 2, &on)) {
         if (args[1] == "checksum")
             ptz.setBadChecksum(on);
@@ -391,7 +403,8 @@ void installTuningFiles(sim::Board &board)
 void buildModels(sim::Board &board, ModelSet &models)
 {
     auto &dsp = models.add("dsp", std::make_unique<sim::DspModel>(board), ModelSet::Commands<sim::DspModel>(dspCommands),
-                           "dsp say <text> | log | clear | silent on|off | garbage on|off | rate <baud>");
+                           "dsp say <text> | log | clear | silent on|off | garbage on|off | noise on|off | split on|off | "
+                           "rate <baud>");
     auto &audio = models.add("audio", std::make_unique<sim::DspAudio>(dsp),
                              ModelSet::Commands<sim::DspAudio>(dspAudioCommands),
                              "audio version <text> | doa <angle> | state");
@@ -406,7 +419,7 @@ void buildModels(sim::Board &board, ModelSet &models)
     models.add("ptz", std::make_unique<sim::PtzCameraModel>(board), ModelSet::Commands<sim::PtzCameraModel>(ptzCommands),
                "ptz open | close | angle <start> <end> | doaset <status> [len] | askmodel | askdoa | temp <c> | "
                "maxtemp <c> | funclist <bytes> | autotest <bytes> | blackscreen <support> <auto> | "
-               "eptz <status> <mode> | isp <first> <second> <third> | silent on|off | "
+               "eptz <status> <mode> | isp <first> <second> <third> | silent on|off | unplug | replug | "
                "fault checksum|len57|split on|off | delay <ms> | frames | state");
     models.add("amp", std::make_unique<sim::AmpModel>(board, sim::AmpFitting::Acm8625),
                ModelSet::Commands<sim::AmpModel>(ampCommands),
@@ -415,6 +428,7 @@ void buildModels(sim::Board &board, ModelSet &models)
     addFigModels(board, models, &dsp);
     addUsbModels(board, models);
     addDetectModels(board, models, dsp);
+    addFaultModels(board, models);
     // Further peripherals: one models.add(...) line each, here. A model
     // named "ptz" turns the camera feature switch on by default.
 }
