@@ -66,9 +66,14 @@ fuzz: fuzz-build
 fuzz-smoke: fuzz-build
 	scripts/run-fuzz build/fuzz 20 --fresh
 
-# Performance figures (speed lives here, never in tests).
-bench: build
-	scripts/run-bench build/$(PRESET)
+# Performance figures (speed lives here, never in tests): the release
+# build, then one table of every figure next to the bound its timing
+# contract allows, and a timeline (build/release/bench-timeline.json).
+# See docs/performance.md.
+bench: deps
+	cmake --preset release
+	cmake --build --preset release
+	scripts/run-bench build/release
 
 clean:
 	rm -rf build

@@ -1,5 +1,7 @@
-// Speed of the module's byte parsers and encoders: the work done per chunk
-// on the DSP and camera receive threads and per chunk of a configuration
+// Speed of the module's pure functions: volume conversions, the PTZ
+// checksum and framing, the Fig DSP's CRC-8 framing, DSP reply dispatch,
+// hex encoding and decoding of upgrade chunks, MD5 of files. The work done
+// per chunk on the receive threads and per chunk of a configuration
 // upgrade. Figures only; nothing here passes or fails.
 #include <benchmark/benchmark.h>
 
@@ -16,6 +18,8 @@
 #include "dsp/dsp_audio.h"
 #include "dsp/dsp_link.h"
 #include "dsp/file_transfer.h"
+#include "fig/dsp_fig.h"
+#include "sim/fig_wire.h"
 
 namespace {
 
@@ -28,6 +32,32 @@ void BM_ConvertDbToVol(benchmark::State &state)
     }
 }
 BENCHMARK(BM_ConvertDbToVol);
+
+void BM_ConvertVolToDb(benchmark::State &state)
+{
+    unsigned vol = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(convertVolToDb(AUDIO_CHANNEL_MAIN, vol));
+        vol = vol >= 100 ? 0 : vol + 1;
+    }
+}
+BENCHMARK(BM_ConvertVolToDb);
+
+// One whole Fig DSP frame (a 49-byte DOA report) through the frame parser,
+// its CRC-8 check included.
+void BM_FigFrameCrc8(benchmark::State &state)
+{
+    const sim::FigBytes frame = sim::figFrame(sim::kFigTypeDoa, sim::FigBytes(sim::kFigDoaPayloadSize, 0x5A));
+    DspFigRxBuffer rx{};
+    for (auto _ : state) {
+        std::memset(&rx, 0, sizeof rx);
+        std::memcpy(rx.raw, frame.data(), frame.size());
+        rx.count = static_cast<uint16_t>(frame.size());
+        benchmark::DoNotOptimize(uart_packet_process(&rx));
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(frame.size()));
+}
+BENCHMARK(BM_FigFrameCrc8);
 
 void BM_PtzChecksum(benchmark::State &state)
 {
@@ -71,6 +101,21 @@ void BM_Data2HexChunk(benchmark::State &state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 240);
 }
 BENCHMARK(BM_Data2HexChunk);
+
+// Hex decoding of one chunk as the DSP side of a transfer reads it back.
+void BM_Hex2DataChunk(benchmark::State &state)
+{
+    std::vector<uint8_t> data(240);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<uint8_t>(i * 7);
+    char hex[481];
+    data2hex(data.data(), 240, hex, sizeof hex - 1);
+    std::vector<uint8_t> back(240);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(hex2data(hex, 480, back.data(), back.size()));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 240);
+}
+BENCHMARK(BM_Hex2DataChunk);
 
 // Length and MD5 of a file of the given size, as the upgrade check does.
 void BM_FileMd5(benchmark::State &state)

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <thread>
 
 namespace sim {
 
@@ -145,10 +146,11 @@ uint8_t AmpModel::readReg(Device &dev, uint8_t reg)
     return value;
 }
 
-void AmpModel::trace(const std::string &note, bool toDevice)
+void AmpModel::trace(const std::string &note, bool toDevice, Clock::time_point start)
 {
     TraceEvent event;
     event.when = Clock::now();
+    event.start = start;
     event.link = "i2c-1";
     event.toDevice = toDevice;
     event.note = note;
@@ -163,6 +165,7 @@ int AmpModel::handle(IoctlCall &call, int *err)
         return -1;
     }
     const unsigned long request = call.request();
+    const auto arrived = Clock::now();
     std::string note;
     int result = 0;
     {
@@ -186,6 +189,7 @@ int AmpModel::handle(IoctlCall &call, int *err)
             return 0;
         }
         case I2C_SMBUS: {
+            ++transactions_;
             auto *args = static_cast<i2c_smbus_ioctl_data *>(call.resolveArg(sizeof(i2c_smbus_ioctl_data)));
             if (args == nullptr) {
                 *err = EFAULT;
@@ -241,6 +245,7 @@ int AmpModel::handle(IoctlCall &call, int *err)
             break;
         }
         case I2C_RDWR: {
+            ++transactions_;
             auto *rdwr = static_cast<i2c_rdwr_ioctl_data *>(call.resolveArg(sizeof(i2c_rdwr_ioctl_data)));
             if (rdwr == nullptr || rdwr->nmsgs == 0 || rdwr->nmsgs > kMaxRdwrMessages) {
                 *err = rdwr == nullptr ? EFAULT : EINVAL;
@@ -294,8 +299,28 @@ int AmpModel::handle(IoctlCall &call, int *err)
             return -1;
         }
     }
-    trace(note, true);
+    // Only transactions get here; the bus is busy with this one for the
+    // charged time. A sleep this short overshoots by far more than it
+    // lasts on a busy machine, so the time is waited out on the spot.
+    const int64_t charge = chargeUs_.load(std::memory_order_relaxed);
+    if (charge > 0) {
+        const auto due = arrived + std::chrono::microseconds(charge);
+        while (Clock::now() < due) {
+        }
+    }
+    trace(note, true, arrived);
     return result;
+}
+
+void AmpModel::setTransactionTime(std::chrono::microseconds time)
+{
+    chargeUs_.store(time.count(), std::memory_order_relaxed);
+}
+
+size_t AmpModel::transactionCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return transactions_;
 }
 
 uint8_t AmpModel::reg(uint8_t addr, uint8_t r, uint8_t page) const
@@ -384,6 +409,7 @@ void AmpModel::clearLog()
     std::lock_guard<std::mutex> lock(mutex_);
     accesses_.clear();
     transfers_.clear();
+    transactions_ = 0;
 }
 
 void AmpModel::failEvery(unsigned n)

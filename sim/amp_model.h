@@ -19,6 +19,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -87,6 +89,15 @@ public:
     // Only the transfer ioctls numbered here (1 = the next one) fail with
     // EREMOTEIO; replaces failEvery.
     void failTransfers(std::vector<unsigned> numbers);
+    // Time charged per bus transaction (an I2C_SMBUS or I2C_RDWR call):
+    // the call completes no sooner than this after it reached the bus, as
+    // on a real bus (a byte-data transfer at 400 kHz takes about 100 us).
+    // Zero (the default) answers at once. Slave selection and bus options
+    // are not transactions and cost nothing.
+    void setTransactionTime(std::chrono::microseconds time);
+    // Bus transactions answered since start (or clearLog()), failed ones
+    // included.
+    size_t transactionCount() const;
     // A one-line view of a device for the console ("0x60 mute=0x7f ...").
     std::string describe(uint8_t addr) const;
 
@@ -99,7 +110,7 @@ private:
     bool transferFails();
     void writeReg(Device &dev, uint8_t reg, uint8_t value);
     uint8_t readReg(Device &dev, uint8_t reg);
-    void trace(const std::string &note, bool toDevice);
+    void trace(const std::string &note, bool toDevice, Clock::time_point start);
 
     Board &board_;
     mutable std::mutex mutex_; // guards everything below (umockdev worker vs. tests)
@@ -109,6 +120,8 @@ private:
     unsigned failEvery_ = 0;
     std::vector<unsigned> failNumbers_; // see failTransfers
     unsigned long transferCount_ = 0;
+    size_t transactions_ = 0;          // I2C_SMBUS and I2C_RDWR calls (see transactionCount)
+    std::atomic<int64_t> chargeUs_{0}; // see setTransactionTime; read on the worker thread
     std::vector<Access> accesses_;
     std::vector<Transfer> transfers_;
     std::unique_ptr<IoctlNode> node_; // last: the handler may run once it exists

@@ -24,6 +24,7 @@
 #include <fstream>
 #include <map>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sstream>
@@ -127,20 +128,36 @@ std::string escapeBytes(const uint8_t *data, size_t size)
 
 } // namespace
 
+Clock::duration wireTime(size_t bytes, unsigned baud)
+{
+    if (baud == 0)
+        return Clock::duration::zero();
+    // Ten bit times per byte: start bit, eight data bits, stop bit.
+    return std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(static_cast<double>(bytes) * 10.0 / baud));
+}
+
 std::string renderBytes(const uint8_t *data, size_t size) { return escapeBytes(data, size); }
 
 // ---------------------------------------------------------------- Trace
 
 void Trace::add(TraceEvent event)
 {
-    std::function<void(const TraceEvent &)> listener;
+    Listener listener;
+    std::vector<Listener> more;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(event);
+        if (keep_)
+            events_.push_back(event);
         listener = listener_;
+        for (const auto &entry : more_)
+            more.push_back(entry.second);
     }
+    std::shared_lock<std::shared_mutex> calling(callMutex_);
     if (listener)
         listener(event);
+    for (const auto &l : more)
+        l(event);
 }
 
 std::vector<TraceEvent> Trace::snapshot() const
@@ -155,10 +172,37 @@ void Trace::clear()
     events_.clear();
 }
 
-void Trace::setListener(std::function<void(const TraceEvent &)> listener)
+void Trace::setListener(Listener listener)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     listener_ = std::move(listener);
+}
+
+int Trace::addListener(Listener listener)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    const int id = nextId_++;
+    more_.emplace_back(id, std::move(listener));
+    return id;
+}
+
+void Trace::removeListener(int id)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        more_.erase(std::remove_if(more_.begin(), more_.end(), [id](const auto &e) { return e.first == id; }),
+                    more_.end());
+    }
+    // A call that copied the listener before it went finishes first.
+    std::unique_lock<std::shared_mutex> wait(callMutex_);
+}
+
+void Trace::setKeep(bool keep)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    keep_ = keep;
+    if (!keep)
+        events_.clear();
 }
 
 // ---------------------------------------------------------------- Testbed
@@ -483,6 +527,7 @@ struct SerialLine::Impl {
     std::shared_ptr<Board::PeerSlot> peers; // which line of the node is on it
     int fd = -1;                       // our own dup of the pty master
     std::atomic<unsigned> baud{0};     // pacing; 0 = unpaced
+    Clock::time_point rxFree{};        // reader: when the line to us is free again
     std::atomic<bool> stopping{false}; // set by stop(), read by the reader
     std::thread reader;                // started by start()
     std::mutex writeMutex;             // one writer at a time keeps chunks whole
@@ -493,10 +538,11 @@ struct SerialLine::Impl {
     {
     }
 
-    void trace(bool toDevice, const uint8_t *data, size_t size)
+    void trace(bool toDevice, const uint8_t *data, size_t size, Clock::time_point start)
     {
         TraceEvent event;
         event.when = Clock::now();
+        event.start = start;
         event.link = link;
         event.toDevice = toDevice;
         event.bytes.assign(data, data + size);
@@ -545,7 +591,17 @@ struct SerialLine::Impl {
                     n = -2;
             }
             if (n > 0) {
-                trace(true, buf, static_cast<size_t>(n));
+                // At a line rate, the bytes reach the peer when the last of
+                // them would have crossed the line, which stays busy with
+                // earlier bytes until then.
+                Clock::time_point start = Clock::now();
+                const unsigned rate = baud.load(std::memory_order_relaxed);
+                if (rate != 0) {
+                    start = std::max(start, rxFree);
+                    rxFree = start + wireTime(static_cast<size_t>(n), rate);
+                    std::this_thread::sleep_until(rxFree);
+                }
+                trace(true, buf, static_cast<size_t>(n), start);
                 if (receiver)
                     receiver(buf, static_cast<size_t>(n));
             } else if (n == -2) {
@@ -620,7 +676,12 @@ void SerialLine::start(Receiver receiver)
         return;
     impl_->receiver = std::move(receiver);
     impl_->stopping.store(false, std::memory_order_relaxed);
-    impl_->reader = std::thread([impl = impl_.get()] { impl->run(); });
+    impl_->reader = std::thread([impl = impl_.get()] {
+        // Named, so CPU figures and debuggers tell the board's threads
+        // from the module's.
+        pthread_setname_np(pthread_self(), ("avm-line-" + impl->link).substr(0, 15).c_str());
+        impl->run();
+    });
 }
 
 void SerialLine::stop()
@@ -638,22 +699,18 @@ bool SerialLine::write(const void *data, size_t size)
     std::lock_guard<std::mutex> lock(impl_->writeMutex);
     const unsigned baud = impl_->baud.load(std::memory_order_relaxed);
     bool ok = true;
+    const auto start = Clock::now();
     if (baud == 0) {
         ok = impl_->writeSome(bytes, size);
     } else {
-        // Ten bit times per byte (start, eight data, stop).
-        const double bytesPerSecond = baud / 10.0;
-        const auto start = Clock::now();
         for (size_t done = 0; done < size && ok;) {
             const size_t n = std::min(kPaceGroup, size - done);
             ok = impl_->writeSome(bytes + done, n);
             done += n;
-            const auto due = start + std::chrono::duration_cast<Clock::duration>(
-                                         std::chrono::duration<double>(done / bytesPerSecond));
-            std::this_thread::sleep_until(due);
+            std::this_thread::sleep_until(start + wireTime(done, baud));
         }
     }
-    impl_->trace(false, bytes, size);
+    impl_->trace(false, bytes, size, start);
     return ok;
 }
 
@@ -760,7 +817,10 @@ struct Deferrals {
             return;
         entries.push_back({due, std::move(call), result});
         if (!thread.joinable())
-            thread = std::thread([this] { run(); });
+            thread = std::thread([this] {
+                pthread_setname_np(pthread_self(), "avm-expiry");
+                run();
+            });
         wake.notify_all();
     }
 

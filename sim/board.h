@@ -28,6 +28,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -40,12 +41,18 @@ using Clock = std::chrono::steady_clock;
 
 // One record of what crossed a link.
 struct TraceEvent {
-    Clock::time_point when;
+    Clock::time_point when;     // when it was over (the last byte, the answer)
+    Clock::time_point start{};  // when it began, if it took time on the line or
+                                // the bus; left at the epoch for an instant
     std::string link;           // "dsp", "ptz", "i2c-1", "controlC2", ...
     bool toDevice;              // true: module -> peripheral
     std::vector<uint8_t> bytes; // raw bytes (serial) or a rendered record (ioctl)
     std::string note;           // human-readable rendering, may be empty
 };
+
+// Time `bytes` take on a serial line at `baud` with 8N1 framing (ten bit
+// times a byte); zero for an unpaced line (baud 0).
+Clock::duration wireTime(size_t bytes, unsigned baud);
 
 // Escapes bytes for display: printable ASCII as is, the rest as \0, \n,
 // \xNN, ...
@@ -54,16 +61,28 @@ std::string renderBytes(const uint8_t *data, size_t size);
 // Live trace of every link of a board; the console prints it as it grows.
 class Trace {
 public:
+    using Listener = std::function<void(const TraceEvent &)>;
     void add(TraceEvent event);
     std::vector<TraceEvent> snapshot() const;
     void clear();
     // Called for every new event (from the thread that added it).
-    void setListener(std::function<void(const TraceEvent &)> listener);
+    void setListener(Listener listener);
+    // Further listeners (a timeline recorder next to the console's
+    // printer); removeListener(id) returns once no call of it runs.
+    int addListener(Listener listener);
+    void removeListener(int id);
+    // Whether add() keeps events for snapshot() (on by default). A long
+    // run that only listens turns it off so the record does not grow.
+    void setKeep(bool keep);
 
 private:
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex_;                  // guards events_, keep_ and the listener lists
+    std::shared_mutex callMutex_;               // shared while listeners run; removal takes it whole
     std::vector<TraceEvent> events_;
-    std::function<void(const TraceEvent &)> listener_;
+    bool keep_ = true;
+    Listener listener_;
+    std::vector<std::pair<int, Listener>> more_; // added listeners, by id
+    int nextId_ = 1;
 };
 
 // Makes the process's testbed. Call it first thing in main, before any
@@ -155,7 +174,11 @@ public:
     // Writes all bytes to the module (the module's port read timing joins
     // bytes less than 0.1 s apart into one chunk).
     bool write(const void *data, size_t size);
-    // 0: as fast as possible; otherwise bytes are paced at baud/10 per second.
+    // 0: as fast as possible; otherwise the line runs at baud/10 bytes per
+    // second both ways: bytes written to the module leave no faster, and
+    // bytes the module wrote reach the receiver when their last byte would
+    // have crossed the line (the module's own write returns at once, as
+    // into a UART's transmit buffer).
     void setLineRate(unsigned baud);
 
 private:

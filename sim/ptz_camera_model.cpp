@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <pthread.h>
 #include <thread>
 
 namespace sim {
@@ -263,7 +264,10 @@ struct PtzCameraModel::Impl {
 
 PtzCameraModel::PtzCameraModel(Board &board) : impl_(std::make_unique<Impl>(board))
 {
-    impl_->writer = std::thread([impl = impl_.get()] { impl->runWriter(); });
+    impl_->writer = std::thread([impl = impl_.get()] {
+        pthread_setname_np(pthread_self(), "avm-ptz-writer");
+        impl->runWriter();
+    });
     impl_->line.start([impl = impl_.get()](const uint8_t *data, size_t size) { impl->receive(data, size); });
 }
 

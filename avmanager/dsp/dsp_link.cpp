@@ -92,8 +92,9 @@ constexpr unsigned kDspFlowControl = 0;
 
 // The DSP needs this pause after each command it is sent.
 constexpr useconds_t kWritePacingUs = 8000;
-// The transmit thread polls the empty pipe in these steps.
+// The transmit thread waits on the empty pipe at most this long a step.
 constexpr useconds_t kIdlePollUs = 3000;
+constexpr int kIdlePollMs = 3;
 // A silent port is reported this often.
 constexpr time_t kSelectTimeoutSec = 5;
 constexpr useconds_t kSelectBackoffUs = 5000;
@@ -197,6 +198,22 @@ ssize_t gatherHostTtyPieces(int fd, char *buffer, ssize_t got, size_t size)
     return got;
 }
 #endif
+
+// The transmit thread's idle step: up to 3 ms, but over as soon as a
+// request is in the pipe, so a setter on an idle link does not wait out
+// the rest of the step. A pipe with no writer left reports hang-up at
+// once; the full step is slept then, as it is when the pipe is not open.
+void waitForRequest()
+{
+    const int32_t fd = gDspFifoDev.readFd.load(std::memory_order_acquire);
+    if (fd >= 0) {
+        struct pollfd pipe = {fd, POLLIN, 0};
+        const int ready = poll(&pipe, 1, kIdlePollMs);
+        if (ready == 0 || (ready > 0 && (pipe.revents & POLLIN)))
+            return;
+    }
+    usleep(kIdlePollUs);
+}
 
 // Joins a thread the link started; a handle that was never set is skipped.
 void joinIfStarted(pthread_t &thread)
@@ -450,7 +467,7 @@ void *dspHal_tx_thread(void *)
         if (dsp_mkfifo_read(&request) >= 1)
             dsp_tx_protocol_handle(request);
         else
-            usleep(kIdlePollUs);
+            waitForRequest();
     }
     pthread_exit(nullptr);
 }

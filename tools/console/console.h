@@ -12,6 +12,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,8 +29,19 @@ namespace console {
 using Args = std::vector<std::string>;
 
 // Prints one line (a newline is added) without tearing against trace
-// output from other threads.
+// output from other threads; while the line editor shows its prompt, the
+// line goes above it (console_line.cpp).
 void consolePrint(const std::string &line);
+
+// The line editor on a terminal (console_line.cpp): editing, history,
+// completion. Completion knows `words` as first words, each model's
+// subcommands from its help line ("name sub <arg> | sub2 on|off"), and
+// the words of `choices` (key: the words before, joined by spaces).
+void setCompletions(const std::vector<std::string> &words, const std::vector<std::string> &modelHelp,
+                    const std::map<std::string, std::vector<std::string>> &choices);
+// Reads lines with the prompt until end of input or until handle returns
+// false. Runs on the main thread.
+void runLineEditor(const std::string &prompt, const std::function<bool(const std::string &line)> &handle);
 
 // ------------------------------------------------------------ models
 

@@ -22,18 +22,25 @@
 #include <hardware/hardware.h>
 
 #include "console.h"
+#include "sim/timeline.h"
 
 namespace console {
 
 namespace {
 
-std::mutex gPrintMutex;                 // keeps console lines whole
 std::atomic<bool> gTraceOn{true};       // live trace printing
 std::atomic<bool> gLogsOn{false};       // the module's log lines
 std::atomic<long long> gLastTraffic{0}; // steady-clock ns of the last trace event
 
 constexpr const char *kDspSwitch = "persist.vendor.dsp.communication";
 constexpr const char *kCamSwitch = "persist.vendor.cam.communication";
+
+// The timeline being recorded ("timeline on FILE", --timeline FILE): set
+// and cleared by the main thread; the logger reads it on any thread, and
+// the recorder lives until the process ends, so a late reader never finds
+// it gone.
+std::atomic<sim::Timeline *> gTimeline{nullptr};
+std::string gTimelinePath; // main thread only
 
 // How long the demo waits for the traffic a command caused.
 constexpr auto kQuietGap = std::chrono::milliseconds(250);
@@ -83,6 +90,8 @@ void printEvent(const sim::TraceEvent &event)
 // The module's log lines, shown compactly when "logs on".
 void printLog(const struct __android_logger_data *data, const char *message)
 {
+    if (sim::Timeline *timeline = gTimeline.load(std::memory_order_acquire))
+        timeline->addLog(data->priority, data->tag, message);
     if (!gLogsOn.load(std::memory_order_relaxed))
         return;
     std::string text = message ? message : "";
@@ -138,6 +147,44 @@ void listProperties()
     }
 }
 
+// The one recorder of the process (see gTimeline).
+sim::Timeline &recorder()
+{
+    static auto *timeline = new sim::Timeline;
+    return *timeline;
+}
+
+void timelineOn(sim::Board &board, const std::string &path)
+{
+    sim::Timeline &timeline = recorder();
+    if (gTimeline.load() != nullptr)
+        consolePrint("timeline: already recording to " + gTimelinePath + " (timeline off first)");
+    else {
+        timeline.clear();
+        timeline.attach(board.trace());
+        gTimelinePath = path;
+        gTimeline.store(&timeline, std::memory_order_release);
+        consolePrint("timeline: recording to " + path);
+    }
+}
+
+void timelineOff()
+{
+    sim::Timeline *timeline = gTimeline.exchange(nullptr);
+    if (timeline == nullptr) {
+        consolePrint("timeline: not recording");
+        return;
+    }
+    timeline->detach();
+    std::string error;
+    if (timeline->write(gTimelinePath, &error))
+        consolePrint("timeline: " + std::to_string(timeline->eventCount()) + " link events and " +
+                     std::to_string(timeline->logCount()) + " log lines written to " + gTimelinePath +
+                     " (open it in Perfetto UI, chrome://tracing or tools/console/timeline_viewer.html)");
+    else
+        consolePrint("timeline: " + error);
+}
+
 void help(const ModelSet &models)
 {
     consolePrint("module operations (name without \"avmanager_\"):");
@@ -152,13 +199,14 @@ void help(const ModelSet &models)
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
     consolePrint("console:");
-    consolePrint("  help | trace on|off | logs on|off | props | getprop <key> | setprop <key> <value>");
-    consolePrint("  sleep <ms> | quit");
+    consolePrint("  help | trace on|off | logs on|off | timeline on <file> | timeline off | props");
+    consolePrint("  getprop <key> | setprop <key> <value> | sleep <ms> | quit");
+    consolePrint("  (on a terminal: tab completes, up and down walk the history, ^C drops the line)");
 }
 
 enum class Outcome { Continue, Quit };
 
-Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::string &line)
+Outcome run(sim::Board &board, const avmanager_module_t *hal, const ModelSet &models, const std::string &line)
 {
     const Args words = split(line);
     if (words.empty() || words[0][0] == '#')
@@ -173,6 +221,10 @@ Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::st
         gTraceOn.store(rest[0] == "on", std::memory_order_relaxed);
     } else if (cmd == "logs" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
         gLogsOn.store(rest[0] == "on", std::memory_order_relaxed);
+    } else if (cmd == "timeline" && rest.size() == 2 && rest[0] == "on") {
+        timelineOn(board, rest[1]);
+    } else if (cmd == "timeline" && rest.size() == 1 && rest[0] == "off") {
+        timelineOff();
     } else if (cmd == "props") {
         listProperties();
     } else if (cmd == "getprop" && rest.size() == 1) {
@@ -199,23 +251,26 @@ Outcome run(const avmanager_module_t *hal, const ModelSet &models, const std::st
     return Outcome::Continue;
 }
 
+// Runs a command line, as a mark on the timeline when one is recorded.
+Outcome runMarked(sim::Board &board, const avmanager_module_t *hal, const ModelSet &models, const std::string &line)
+{
+    const auto start = sim::Clock::now();
+    const Outcome outcome = run(board, hal, models, line);
+    if (sim::Timeline *timeline = gTimeline.load(std::memory_order_acquire))
+        if (line.find_first_not_of(' ') != std::string::npos)
+            timeline->addMark("console commands", line, start, sim::Clock::now());
+    return outcome;
+}
+
 void usage()
 {
     std::printf("usage: avconsole [--script FILE] [--dsp 0|1] [--cam 0|1] [--prop KEY=VALUE]...\n"
-                "                 [--no-trace] [--logs]\n"
+                "                 [--no-trace] [--logs] [--timeline FILE]\n"
                 "Runs under umockdev-wrapper (scripts/run-board). Without a terminal and\n"
                 "without --script it plays a short demo and exits.\n");
 }
 
 } // namespace
-
-void consolePrint(const std::string &line)
-{
-    std::lock_guard<std::mutex> lock(gPrintMutex);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
 
 } // namespace console
 
@@ -223,6 +278,7 @@ int main(int argc, char **argv)
 {
     using namespace console;
     std::string script;
+    std::string timelinePath;
     std::string dspSwitch = "1";
     std::string camSwitch;
     std::vector<std::pair<std::string, std::string>> extraProps;
@@ -243,6 +299,8 @@ int main(int argc, char **argv)
                 return 2;
             }
             extraProps.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+        } else if (arg == "--timeline" && hasValue) {
+            timelinePath = argv[++i];
         } else if (arg == "--logs") {
             gLogsOn.store(true);
         } else if (arg == "--no-trace") {
@@ -266,6 +324,8 @@ int main(int argc, char **argv)
     {
         sim::Board board;
         board.trace().setListener(printEvent);
+        if (!timelinePath.empty())
+            timelineOn(board, timelinePath);
         ModelSet models;
         buildModels(board, models);
         if (camSwitch.empty())
@@ -305,28 +365,25 @@ int main(int argc, char **argv)
                 if (line.empty() || line[0] == '#')
                     continue;
                 consolePrint("> " + line);
-                if (run(hal, models, line) == Outcome::Quit)
+                if (runMarked(board, hal, models, line) == Outcome::Quit)
                     break;
                 settle();
             }
         } else if (interactive) {
-            consolePrint("type help for the commands, quit to leave");
-            std::string line;
-            for (;;) {
-                {
-                    std::lock_guard<std::mutex> lock(gPrintMutex);
-                    std::fputs("avm> ", stdout);
-                    std::fflush(stdout);
-                }
-                if (!std::getline(std::cin, line))
-                    break;
-                if (run(hal, models, line) == Outcome::Quit)
-                    break;
-            }
+            consolePrint("type help for the commands, quit to leave (tab completes)");
+            std::vector<std::string> words = {"help", "trace", "logs", "timeline", "props", "getprop",
+                                              "setprop", "sleep", "quit"};
+            for (const auto &op : operations())
+                words.push_back(op.name);
+            setCompletions(words, models.helpLines(),
+                           {{"trace", {"on", "off"}}, {"logs", {"on", "off"}}, {"timeline", {"on", "off"}}});
+            runLineEditor("avm> ", [&](const std::string &line) {
+                return runMarked(board, hal, models, line) != Outcome::Quit;
+            });
         } else {
             for (const char *line : kDemo) {
                 consolePrint(std::string("> ") + line);
-                run(hal, models, line);
+                runMarked(board, hal, models, line);
                 settle();
             }
         }
@@ -334,6 +391,8 @@ int main(int argc, char **argv)
         consolePrint("> hal_release");
         consolePrint("= " + std::to_string(hal->hal_release()));
         settle();
+        if (gTimeline.load() != nullptr)
+            timelineOff();
         // The camera link outlives release by design; its lines stop here.
         gLogsOn.store(false, std::memory_order_relaxed);
         board.trace().setListener(nullptr);

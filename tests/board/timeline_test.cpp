@@ -1,0 +1,266 @@
+// The timeline: a scripted console session written with --timeline parses
+// as Chrome trace-event JSON and holds the session's link traffic, the
+// module's log lines, the console's commands and the spans derived from
+// wire and log (reply waits, file chunks and the upgrade, PTZ requests,
+// amplifier switches, I2C transactions); and the derivation itself, fed
+// with traffic and log lines made up here (resends, missing replies).
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "log_capture.h"
+#include "process_env.h"
+#include "sim/board.h"
+#include "sim/timeline.h"
+
+namespace {
+
+using json = nlohmann::json;
+using namespace std::chrono_literals;
+
+std::string repoRoot()
+{
+    std::string here = __FILE__;
+    for (int i = 0; i < 3; ++i)
+        here = here.substr(0, here.find_last_of('/'));
+    return here;
+}
+
+std::string dirOf(const std::string &path) { return path.substr(0, path.find_last_of('/')); }
+
+json readJson(const std::string &path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return json::parse(text.str(), nullptr, false);
+}
+
+// The name of the row (pid, tid) as its metadata gives it.
+std::string rowName(const json &doc, int pid, int tid)
+{
+    for (const auto &e : doc["traceEvents"])
+        if (e["ph"] == "M" && e["name"] == "thread_name" && e["pid"] == pid && e["tid"] == tid)
+            return e["args"]["name"].get<std::string>();
+    return "";
+}
+
+std::vector<json> eventsWhere(const json &doc, const std::function<bool(const json &)> &pred)
+{
+    std::vector<json> out;
+    for (const auto &e : doc["traceEvents"])
+        if (pred(e))
+            out.push_back(e);
+    return out;
+}
+
+bool startsWith(const std::string &s, const std::string &prefix) { return s.rfind(prefix, 0) == 0; }
+
+// Spans ("X") on the row with this name whose name starts with `prefix`.
+std::vector<json> spansOn(const json &doc, const std::string &row, const std::string &prefix)
+{
+    return eventsWhere(doc, [&](const json &e) {
+        return e["ph"] == "X" && rowName(doc, e["pid"], e["tid"]) == row &&
+               startsWith(e["name"].get<std::string>(), prefix);
+    });
+}
+
+TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
+{
+    avmtest::TempDir dir;
+    const std::string out = dirOf(avmtest::selfPath());
+    const std::string file = dir.path() + "/session.json";
+    const char *path = getenv("PATH");
+    const char *tmp = getenv("TMPDIR");
+    const auto child = avmtest::runChild(
+        {repoRoot() + "/tests/board-wrapper", out + "/avconsole", "--script", repoRoot() + "/tests/console/timeline.script",
+         "--timeline", file},
+        {"PATH=" + std::string(path ? path : "/usr/bin:/bin"), "AVMANAGER_HAL_PATH=" + out,
+         "TMPDIR=" + std::string(tmp ? tmp : "/tmp")});
+    ASSERT_EQ(child.exitCode, 0) << child.output << child.errors;
+    ASSERT_NE(child.output.find("written to " + file), std::string::npos) << child.output;
+
+    const json doc = readJson(file);
+    ASSERT_FALSE(doc.is_discarded()) << "not JSON";
+    ASSERT_TRUE(doc.contains("traceEvents"));
+    ASSERT_TRUE(doc["traceEvents"].is_array());
+    for (const auto &e : doc["traceEvents"]) {
+        ASSERT_TRUE(e.contains("ph") && e.contains("pid") && e.contains("tid") && e.contains("name")) << e.dump();
+        if (e["ph"] == "X") {
+            EXPECT_GE(e["ts"].get<double>(), 0.0) << e.dump();
+            EXPECT_GT(e["dur"].get<double>(), 0.0) << e.dump();
+        }
+    }
+
+    // One row per link direction, with the bytes as their text.
+    // The setter, and the restore after the DSP's restart sends it again.
+    const auto volume = spansOn(doc, "dsp  module -> device", "MV=-11.10");
+    ASSERT_EQ(volume.size(), 2u);
+    EXPECT_EQ(volume[0]["args"]["text"], "MV=-11.10\\0");
+    EXPECT_EQ(volume[0]["args"]["bytes"], 10);
+    EXPECT_FALSE(spansOn(doc, "dsp  device -> module", "MT=").empty());
+    EXPECT_FALSE(spansOn(doc, "ptz  module -> device", "frame 0x").empty());
+    const auto i2c = spansOn(doc, "i2c-1  module -> device", "");
+    EXPECT_GT(i2c.size(), 1000u) << "a switch on the ACM8625 fitting writes two equaliser tables";
+
+    // What the module did, from the wire and the log.
+    const auto waits = spansOn(doc, "dsp reply waits", "MT=? -> MT=");
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(waits[0]["args"]["read by the module"], true);
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "configuration upgrade").size(), 1u);
+    // The made-up bundle is 2900 bytes: 12 chunks of 240 and one of 20.
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk ").size(), 13u);
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk 2880,20").size(), 1u);
+    EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWSTR").empty());
+    EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWEND").empty());
+    EXPECT_FALSE(spansOn(doc, "ptz requests", "frame 0x").empty());
+    EXPECT_EQ(spansOn(doc, "amplifier switches", "format switch to wall").size(), 1u);
+    // The restore after the DSP's restart applies the stored floor
+    // placement too.
+    EXPECT_EQ(spansOn(doc, "amplifier switches", "format switch to floor").size(), 2u);
+    EXPECT_TRUE(spansOn(doc, "retries", "").empty()) << "nothing was resent";
+
+    // The module's log lines on the rows of its threads, and the console's
+    // commands.
+    const auto logs = eventsWhere(doc, [](const json &e) { return e["ph"] == "i" && e["cat"] == "log"; });
+    ASSERT_FALSE(logs.empty());
+    bool sawUpgradeLine = false;
+    for (const auto &l : logs) {
+        EXPECT_EQ(l["pid"], 2);
+        EXPECT_TRUE(startsWith(rowName(doc, 2, l["tid"]), "thread ")) << l.dump();
+        sawUpgradeLine = sawUpgradeLine || l["args"]["text"].get<std::string>().rfind("dspHalWriteUsart", 0) == 0;
+    }
+    EXPECT_TRUE(sawUpgradeLine);
+    EXPECT_EQ(spansOn(doc, "console commands", "set_volume 2 40").size(), 1u);
+    EXPECT_EQ(spansOn(doc, "console commands", "get_cam_current_temperature").size(), 1u);
+}
+
+// Traffic and log lines made up here, at chosen times.
+struct Script {
+    sim::Timeline timeline;
+    sim::Clock::time_point t0 = sim::Clock::now();
+
+    sim::Clock::time_point at(int ms) { return t0 + std::chrono::milliseconds(ms); }
+    void wire(const std::string &link, bool toDevice, const std::vector<uint8_t> &bytes, int startMs, int endMs)
+    {
+        sim::TraceEvent e;
+        e.link = link;
+        e.toDevice = toDevice;
+        e.bytes = bytes;
+        e.note = sim::renderBytes(bytes.data(), bytes.size());
+        e.start = at(startMs);
+        e.when = at(endMs);
+        timeline.addEvent(e);
+    }
+    void text(bool toDevice, const std::string &t, int startMs, int endMs)
+    {
+        std::vector<uint8_t> bytes(t.begin(), t.end());
+        if (toDevice)
+            bytes.push_back(0);
+        wire("dsp", toDevice, bytes, startMs, endMs);
+    }
+    void log(const std::string &tag, const std::string &t, int ms)
+    {
+        timeline.addLog({at(ms), 4242, 6, tag, t});
+    }
+    static std::vector<uint8_t> frame(uint8_t main, uint8_t sub)
+    {
+        std::vector<uint8_t> f(64, 0);
+        f[0] = 0xAA;
+        f[1] = 0xBB;
+        f[2] = 0xCC;
+        f[3] = main;
+        f[4] = sub;
+        return f;
+    }
+};
+
+TEST(Timeline, DerivesWaitsRetriesAndMissingRepliesFromWireAndLog)
+{
+    Script s;
+    // A query answered and read 100 ms after the reply; one never answered.
+    s.text(true, "MV=?", 0, 1);
+    s.text(false, "MV=-9.00", 2, 3);
+    s.log("DSP", "MV=-9.00", 103);
+    s.text(true, "PER_STAT=1?", 200, 201);
+    // A chunk sent three times: the DSP answered only the third.
+    const std::string chunk = "FWDAT=0,2,200,ABCD";
+    s.text(true, "FINF=/data/misc/AllConfigs.bin", 1200, 1201);
+    s.text(false, "FINF=NULL", 1202, 1203);
+    s.log("DSP", "FINF=NULL", 1303);
+    s.text(true, chunk, 1400, 1401);
+    s.text(true, chunk, 2208, 2209);
+    s.text(true, chunk, 3016, 3017);
+    s.text(false, "FWDAT=0,2,OK", 3018, 3019);
+    s.log("DSP", "dsp not respond", 2208);
+    s.log("DSP", "FWDAT=0,2,OK", 3119);
+    // A PTZ request resent once, then answered.
+    s.wire("ptz", true, Script::frame(0x02, 0x05), 5000, 5006);
+    s.wire("ptz", true, Script::frame(0x02, 0x05), 5520, 5526);
+    s.wire("ptz", false, Script::frame(0x02, 0x06), 5530, 5536);
+    s.timeline.addMark("bench rows", "made-up session", s.at(0), s.at(6000));
+
+    const json doc = json::parse(s.timeline.json(), nullptr, false);
+    ASSERT_FALSE(doc.is_discarded());
+    const auto answered = spansOn(doc, "dsp reply waits", "MV=? -> MV=-9.00");
+    ASSERT_EQ(answered.size(), 1u);
+    EXPECT_NEAR(answered[0]["ts"].get<double>(), 0.0, 1.0);
+    EXPECT_NEAR(answered[0]["dur"].get<double>(), 103000.0, 1.0) << "until the module's read, not the wire";
+    const auto missing = spansOn(doc, "dsp reply waits", "PER_STAT=1? (no reply)");
+    ASSERT_EQ(missing.size(), 1u);
+    EXPECT_NEAR(missing[0]["dur"].get<double>(), 900000.0, 1.0);
+
+    const auto retries = spansOn(doc, "retries", "resend FWDAT=0,2");
+    ASSERT_EQ(retries.size(), 2u);
+    EXPECT_NEAR(retries[0]["dur"].get<double>(), 808000.0, 1.0);
+    const auto chunks = spansOn(doc, "dsp file transfer", "chunk 0,2");
+    ASSERT_EQ(chunks.size(), 3u);
+    EXPECT_EQ(chunks[2]["args"]["answer"], "FWDAT=0,2,OK");
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "FINF").size(), 1u);
+
+    EXPECT_EQ(spansOn(doc, "retries", "resend frame 0x02/0x05").size(), 1u);
+    const auto ptz = spansOn(doc, "ptz requests", "frame 0x02/0x05 -> reply");
+    ASSERT_EQ(ptz.size(), 1u) << "only the frame the reply came after waited for it";
+    EXPECT_NEAR(ptz[0]["ts"].get<double>(), 5520000.0, 1.0);
+
+    const auto logs = eventsWhere(doc, [](const json &e) { return e["ph"] == "i"; });
+    EXPECT_EQ(logs.size(), 4u);
+    EXPECT_EQ(rowName(doc, 2, 4242), "thread 4242: DSP");
+    EXPECT_EQ(spansOn(doc, "bench rows", "made-up session").size(), 1u);
+    EXPECT_EQ(rowName(doc, 1, 1), "dsp  module -> device");
+}
+
+TEST(Timeline, ListensToTheBoardsTraceUntilDetached)
+{
+    sim::Board board;
+    sim::Timeline timeline;
+    timeline.attach(board.trace());
+    sim::TraceEvent e;
+    e.link = "i2c-1";
+    e.toDevice = true;
+    e.note = "W 58 p0 [04]=0c";
+    e.when = sim::Clock::now();
+    board.trace().add(e);
+    EXPECT_EQ(timeline.eventCount(), 1u);
+    timeline.detach();
+    board.trace().add(e);
+    EXPECT_EQ(timeline.eventCount(), 1u);
+    EXPECT_EQ(board.trace().snapshot().size(), 2u) << "the board keeps its own record";
+
+    std::string error;
+    EXPECT_FALSE(timeline.write("/nonexistent-dir/x.json", &error));
+    EXPECT_FALSE(error.empty());
+    avmtest::TempDir dir;
+    ASSERT_TRUE(timeline.write(dir.path() + "/t.json", &error)) << error;
+    const json doc = readJson(dir.path() + "/t.json");
+    ASSERT_FALSE(doc.is_discarded());
+    EXPECT_EQ(spansOn(doc, "i2c-1  module -> device", "W 58 p0 [04]=0c").size(), 1u);
+}
+
+} // namespace
