@@ -40,6 +40,7 @@
 #include "avmanager_hal.h"
 #include "contract.h"
 #include "dsp/dsp_audio.h"
+#include "dsp/dsp_link.h"
 #include "sim/amp_model.h"
 #include "sim/board.h"
 #include "sim/dsp_audio_model.h"

@@ -113,10 +113,11 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     const auto waits = spansOn(doc, "dsp reply waits", "MT=? -> MT=");
     ASSERT_EQ(waits.size(), 1u);
     EXPECT_EQ(waits[0]["args"]["read by the module"], true);
-    EXPECT_EQ(spansOn(doc, "dsp file transfer", "configuration upgrade").size(), 1u);
+    // One upgrade after the version query at start-up, one after the restart.
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "configuration upgrade").size(), 2u);
     // The made-up bundle is 2900 bytes: 12 chunks of 240 and one of 20.
-    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk ").size(), 13u);
-    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk 2880,20").size(), 1u);
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk ").size(), 26u);
+    EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk 2880,20").size(), 2u);
     EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWSTR").empty());
     EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWEND").empty());
     EXPECT_FALSE(spansOn(doc, "ptz requests", "frame 0x").empty());

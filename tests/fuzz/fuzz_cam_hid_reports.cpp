@@ -9,11 +9,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "camera/cam_detect.h"
 #include "camera/cam_hid.h"
 #include "camera/cam_logs.h"
+#include "fuzz_seeds.h"
 #include "process_env.h"
 
 namespace {
@@ -28,7 +31,36 @@ void versionText(const uint8_t *report, size_t n)
     detectHal_camera_version_update(n > 7 ? reinterpret_cast<const char *>(buffer + 7) : "");
 }
 
+// One report of the input format: its first byte picks the kind (its
+// value modulo 4) and the length (1 + 7 × value), the rest is the report
+// after the head the harness writes in.
+std::string report(uint8_t lead, const std::string &after)
+{
+    std::string r(1 + 7u * lead, '\0');
+    r[0] = static_cast<char>(lead);
+    r.replace(5, std::min(after.size(), r.size() - 5), after.substr(0, r.size() - 5));
+    return r;
+}
+
 } // namespace
+
+// What the camera sends during a download, in the stage it is sent in:
+// the answer announcing 40 bytes, the refusal, data reports up to the
+// end, a version answer, and a data report out of turn.
+std::vector<std::string> avmfuzz::seeds()
+{
+    const std::string stage(1, CAM_FILE_REQUESTED), acked(1, CAM_FILE_ACKED);
+    const std::string size40("\0\0\0\0\0\x28", 6);       // bytes 5..10: refused at 7, size at 8
+    const std::string refused("\0\0\x01", 3);
+    const std::string version = std::string("\0\0", 2) + "CAM-X3M 1.4.2";
+    const std::string debugAcked(1, static_cast<char>(0x80 | CAM_FILE_ACKED));
+    return {stage + report(4, size40),
+            stage + report(4, refused),
+            acked + report(1, "log line one\n") + report(5, "the rest of the log, forty\n"),
+            debugAcked + report(9, std::string(60, 'L')),
+            std::string(1, CAM_FILE_IDLE) + report(2, version),
+            std::string(1, CAM_FILE_IDLE) + report(1, "out of turn")};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

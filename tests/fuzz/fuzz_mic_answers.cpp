@@ -9,8 +9,17 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "camera/detect.h"
+#include "fuzz_seeds.h"
+
+// The DSP's answers after "MIC_TEST=" and "AUX_TEST", as its microphone
+// feature sends them: testing, count and bits, pass and fail.
+std::vector<std::string> avmfuzz::seeds()
+{
+    return {"TESTING", "4,15", "4,5", "8,255", "0,0", "[0]=PASS", "[3]=FAIL", "[1]=TESTING", "[9]=PASS"};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -8,9 +8,23 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "camera/cam_detect.h"
+#include "fuzz_seeds.h"
 #include "process_env.h"
+
+// uevent files of USB devices as the kernel writes them: a listed camera,
+// a keyboard, a hub interface. The first byte is replaced by the product
+// key when odd.
+std::vector<std::string> avmfuzz::seeds()
+{
+    return {"MAJOR=189\nMINOR=1\nDEVNAME=bus/usb/001/002\nDEVTYPE=usb_device\nDRIVER=usb\n"
+            "PRODUCT=2e7d/f4f/100\nTYPE=239/2/1\nBUSNUM=001\nDEVNUM=002\n",
+            "\x01" "046d/c31c/110\nTYPE=0/0/0\n",
+            "DEVTYPE=usb_interface\nPRODUCT=1d6b/2/515\nINTERFACE=9/0/0\n",
+            "PRODUCT=zz/10/1\n"};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
