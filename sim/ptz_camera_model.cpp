@@ -249,8 +249,10 @@ struct PtzCameraModel::Impl {
                 continue;
             }
             auto first = outQueue.begin();
-            if (Clock::now() < first->first) {
-                wake.wait_until(lock, first->first);
+            // A copy: the queue may drop the frame while the wait unlocks.
+            const Clock::time_point due = first->first;
+            if (Clock::now() < due) {
+                wake.wait_until(lock, due);
                 continue;
             }
             std::vector<uint8_t> bytes = std::move(first->second);

@@ -132,7 +132,9 @@ std::string_view nextToken(std::string_view text, size_t &pos)
 int tokenValue(std::string_view token)
 {
     char copy[32] = {};
-    memcpy(copy, token.data(), token.size() < sizeof copy - 1 ? token.size() : sizeof copy - 1);
+    // A missing token is an empty view without storage: it reads as "".
+    if (!token.empty())
+        memcpy(copy, token.data(), token.size() < sizeof copy - 1 ? token.size() : sizeof copy - 1);
     return dspParseInt(copy);
 }
 
