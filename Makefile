@@ -4,6 +4,8 @@
 #               and the unit tests built for 32-bit ARM under qemu-user)
 PRESET ?= default
 JOBS ?= 2
+# Tests at once: board tests mostly wait on the models, so more than cores.
+TEST_JOBS ?= 4
 
 .PHONY: all deps build run test test-default test-asan test-arm test-tsan bench fuzz fuzz-build fuzz-smoke clean
 
@@ -27,12 +29,12 @@ test: deps
 test-default:
 	cmake --preset default
 	cmake --build --preset default
-	ctest --preset default -j$(JOBS)
+	ctest --preset default -j$(TEST_JOBS)
 
 test-asan:
 	cmake --preset asan
 	cmake --build --preset asan
-	ctest --preset asan -j$(JOBS)
+	ctest --preset asan -j$(TEST_JOBS)
 
 # The device's ABI: module, platform pieces and unit tests cross-built for
 # 32-bit ARM (armhf) and run under qemu-user; no board tests (no umockdev

@@ -12,6 +12,8 @@
 //   FaultI2c      a NACK on every Nth transfer, the fitting absent, the bus
 //                 absent
 //   FaultUsb      the HDMI-out converter removed in the middle of a stream
+//   FaultHid      the camera unplugged in the middle of a log download and
+//                 while its version is asked
 //   FaultFig      the Fig DSP silent, babbling, sending only broken CRCs
 //   FaultMixer    the USB mixer absent, refusing
 //   FaultStore    the property store read-only, full
@@ -27,6 +29,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <functional>
 #include <memory>
 #include <random>
@@ -39,6 +43,10 @@
 #include "amp/amp_i2c.h"
 #include "amp_fixture.h"
 #include "avmanager_hal.h"
+#include "camera_on_board.h"
+#include "camera/cam_detect.h"
+#include "camera/cam_hid.h"
+#include "camera/cam_logs.h"
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
 #include "codec/usb_hdmi_out.h"
@@ -629,6 +637,91 @@ TEST_F(FaultUsb, HdmiOutConverterRemovedMidStreamFailsOnlyItsTransfersAndANewIni
     EXPECT_TRUE(data[0].complete);
     EXPECT_TRUE(std::equal(data[0].payload.begin(), data[0].payload.end(), buf.begin()));
     EXPECT_EQ(data[0].payload.size(), 3000u);
+}
+
+// ================================================================== HID
+
+// The camera on its sysfs entry and /dev/hidraw0 (see camera_on_board.h).
+class FaultHid : public ::testing::Test, protected avmtest::CameraOnBoard {
+protected:
+    void TearDown() override
+    {
+        hal_hidraw_deinit();
+        joinHidThreadPool();
+    }
+
+    static std::string slurp(const std::string &path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        std::ostringstream out;
+        out << in.rdbuf();
+        return out.str();
+    }
+
+    static constexpr const char *kLogsTag = "CamHidTransferFile";
+    const std::string kRemote = "/var/volatile/log/";
+    avmtest::TempDir dir;
+};
+
+TEST_F(FaultHid, UnpluggedMidDownloadKeepsWhatArrivedEndsWithinItsWaitAndTheNextDownloadIsWhole)
+{
+    // One byte per report, so the download is still running when the
+    // camera goes.
+    std::string content;
+    for (int line = 0; content.size() < 30000; ++line)
+        content += "[" + std::to_string(2000 + line) + ".000001] made-up camera log line\n";
+    content.resize(30000);
+    camera.setFile(kRemote + "kmsg.log", content);
+    camera.setChunkSize(1);
+    int result = 0;
+    const auto start = Clock::now();
+    std::thread download([&] { result = getCamLog("kmsg", dir.path().c_str()); });
+    ASSERT_TRUE(sim::waitUntil([] { return cam_logs_status().received >= 100; }, 20s));
+    camera.unplug();
+    download.join();
+    // The file's wait runs out (800 polls of 10 ms); the next name's
+    // request cannot go out and ends the series with its failure.
+    EXPECT_LT(msSince(start), 20000);
+    EXPECT_LT(result, 0);
+    EXPECT_TRUE(log.contains(kLogsTag, "time out finish = " + kRemote + "kmsg.log \n"));
+    EXPECT_TRUE(log.contains(kLogsTag, "direct hal_hidraw_sendData FAILED!!"));
+    const std::string saved = slurp(dir.path() + "/kmsg.log");
+    EXPECT_GE(saved.size(), 100u);
+    EXPECT_LT(saved.size(), content.size());
+    EXPECT_EQ(saved, content.substr(0, saved.size())) << "what arrived is kept in place";
+    EXPECT_EQ(cam_logs_status().stage, static_cast<uint32_t>(CAM_FILE_IDLE));
+    EXPECT_FALSE(hal_hidraw_isConnect());
+
+    // Back again: the next download starts the channel anew and is whole.
+    camera.plug();
+    camera.setChunkSize(62);
+    EXPECT_EQ(getCamLog("kmsg", dir.path().c_str()), 64); // kmsg_1 refused: the request's send
+    EXPECT_EQ(slurp(dir.path() + "/kmsg.log"), content);
+}
+
+TEST_F(FaultHid, UnpluggedWhileItsVersionIsAskedTheVersionStaysUnknownAndIsAskedAgainWhenBack)
+{
+    camera.setSilent(true);
+    EXPECT_EQ(detectCamVersion(), 64);
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.versionRequests() == 1; }, 5s));
+    camera.unplug();
+    // The receive thread's read fails: the channel closes on its own.
+    ASSERT_TRUE(sim::waitUntil([] { return !hal_hidraw_isConnect(); }, 5s));
+    EXPECT_TRUE(cam_detect_need_update_version());
+    EXPECT_EQ(prop("persist.vendor.cam.version"), "");
+    // While the node is gone a pass fails at once and says so.
+    const auto start = Clock::now();
+    EXPECT_EQ(detectCamVersion(), -1);
+    EXPECT_LT(msSince(start), 2000);
+    EXPECT_TRUE(log.contains("DETECT_HAL", "hal_hidraw_init FAILED!!"));
+
+    camera.plug();
+    camera.setSilent(false);
+    camera.setVersion("X3M-DUAL 3.1.1 (made up)");
+    EXPECT_EQ(detectCamVersion(), 64);
+    ASSERT_TRUE(sim::waitUntil([] { return prop("persist.vendor.cam.version") == "X3M-DUAL 3.1.1 (made up)"; }, 5s));
+    EXPECT_FALSE(cam_detect_need_update_version());
+    EXPECT_EQ(camera.versionRequests(), 2u);
 }
 
 // ================================================================== Fig

@@ -216,7 +216,8 @@ TEST_F(MicSelfTestBoard, WithRecordTestOnTheCountersCountTestsFailuresAndRepeate
     set("vendor.mic.test.ret", "testing");
     start();
     ASSERT_TRUE(sim::waitUntil([] { return prop("persist.mic.test_num") == "8"; }, kWait));
-    EXPECT_TRUE(log.contains("DETECT_HAL", "detectMicStatus enter \n"));
+    // Logged just after the count is stored.
+    EXPECT_TRUE(log.waitFor("DETECT_HAL", "detectMicStatus enter \n", kWait));
     // The result the monitor sees comes in failed.
     set("vendor.mic.test.ret", "0011");
     ASSERT_TRUE(sim::waitUntil([] { return prop("persist.mic.fail_num") == "1"; }, kWait));
