@@ -242,6 +242,7 @@ public:
     struct Report {
         long total = 0;
         long arrived[kKinds] = {};
+        long gaps = 0;       // tagged commands missing from their thread's sequence
         long outOfOrder = 0; // commands that came before or after their turn
         long torn = 0;       // texts the soak never posts and the module never sends
         long other = 0;      // the module's own commands (detection, version queries)
@@ -294,9 +295,13 @@ private:
                 const long seq = std::atol(c.c_str() + comma + 1);
                 if (t < threads_) {
                     long &next = nextTag_[static_cast<size_t>(t)];
-                    if (seq != next) {
+                    if (seq > next) {
+                        ++report_.gaps;
+                        violation(fmt("thread %ld: tagged command %ld arrived where %ld was due (lost)", t, seq, next));
+                    } else if (seq < next) {
                         ++report_.outOfOrder;
-                        violation(fmt("thread %ld: tagged command %ld arrived where %ld was due", t, seq, next));
+                        violation(fmt("thread %ld: tagged command %ld arrived after %ld (reordered or repeated)", t,
+                                      seq, next - 1));
                     }
                     next = seq + 1;
                     arrived(kTag);
@@ -542,6 +547,7 @@ public:
     }
 
     DspChecker &checker() { return checker_; }
+    void injectGap() { injectGap_ = true; }
     Figures &figures() { return figures_; }
     const std::vector<Worker> &workers() const { return workers_; }
 
@@ -601,6 +607,12 @@ private:
         const uint64_t r = nextRandom(w.rng);
         switch (pick(w)) {
         case kOpTag: {
+            // --inject-gap: thread 0 skips one number once, as a lost
+            // command would look; the checker must catch it.
+            if (injectGap_ && w.index == 0 && w.tagsPosted == 5) {
+                injectGap_ = false;
+                ++w.tagsPosted;
+            }
             const std::string text = fmt("%s%d,%ld", kTagPrefix, w.index, w.tagsPosted);
             postOne(kTag, 1, [&] {
                 const bool ok = h->send_cmd_to_dsp(h, text.c_str()) > 0;
@@ -758,6 +770,7 @@ private:
     Figures figures_;
     std::vector<Worker> workers_;
     std::vector<uint8_t> hdmiPayload_;
+    bool injectGap_ = false; // set before the threads start; thread 0 alone clears it
 
 public:
     // Camera requests without the expected answer, by kind.
@@ -776,9 +789,11 @@ Sample sample() { return {openDescriptors(), residentKiB()}; }
 void usage()
 {
     std::fprintf(stderr,
-                 "usage: soak [--threads N] [--calls N]\n"
-                 "  --threads N  service threads calling the module (1..%d, default 8)\n"
-                 "  --calls N    calls per thread (default 10000; the first %ld %% are the warm-up)\n"
+                 "usage: soak [--threads N] [--calls N] [--inject-gap]\n"
+                 "  --threads N   service threads calling the module (1..%d, default 8)\n"
+                 "  --calls N     calls per thread (default 10000; the first %ld %% are the warm-up)\n"
+                 "  --inject-gap  checks the checker: thread 0 leaves one number out of its\n"
+                 "                sequence of tagged commands, so the run must fail\n"
                  "Runs under the board wrapper (scripts/run-soak). About 58 %% of the calls post a\n"
                  "DSP command and the DSP link carries one per 8 ms, so the run takes about\n"
                  "threads x calls x 5 ms: some 7 minutes for 8 x 10000, half a minute for\n"
@@ -792,12 +807,15 @@ int main(int argc, char **argv)
 {
     int threads = 8;
     long calls = 10000;
+    bool injectGap = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--threads" && i + 1 < argc) {
             threads = std::atoi(argv[++i]);
         } else if (arg == "--calls" && i + 1 < argc) {
             calls = std::atol(argv[++i]);
+        } else if (arg == "--inject-gap") {
+            injectGap = true;
         } else {
             usage();
             return arg == "--help" || arg == "-h" ? 0 : 2;
@@ -873,6 +891,8 @@ int main(int argc, char **argv)
                  hidUp ? "open" : "NOT seen", threads, calls);
 
     Soak soak(*s, threads);
+    if (injectGap)
+        soak.injectGap();
     const Sample atStart = sample();
     const long warmup = std::max(1L, calls * kWarmupPercent / 100);
     const auto t0 = Clock::now();
@@ -917,6 +937,8 @@ int main(int argc, char **argv)
     }
     std::printf("| tagged commands per thread, in order | %s | last tag seen matches | %s |\n", perThread.c_str(),
                 check(tagsOk, "the last tagged command of a thread is not the last it posted"));
+    std::printf("| DSP tagged commands missing from their thread's sequence | - | %ld | %s |\n", rep.gaps,
+                check(rep.gaps == 0, fmt("%ld tagged DSP commands lost", rep.gaps)));
     std::printf("| DSP commands out of order within a thread | - | %ld | %s |\n", rep.outOfOrder,
                 check(rep.outOfOrder == 0, fmt("%ld DSP commands out of order", rep.outOfOrder)));
     std::printf("| DSP commands torn or unknown | - | %ld | %s |\n", rep.torn,
