@@ -288,7 +288,9 @@ TEST_F(AudioHmi, UsbMixerRefusingReadsIsReported)
     log.clear();
     EXPECT_EQ(set_uac_mute(1), -1);
     EXPECT_EQ(get_uac_mute(), -1);
-    EXPECT_TRUE(log.lines().empty()); // the mute calls log nothing
+    // The mute calls log nothing (the module's threads may log meanwhile).
+    for (const auto &line : log.lines())
+        EXPECT_EQ(line.text.find("uac"), std::string::npos) << line.text;
     EXPECT_EQ(hmi->get_mute(hmi, AUDIO_CHANNEL_UAC), 0);
     for (const auto &call : mixer.calls())
         EXPECT_FALSE(call.write);
