@@ -1,7 +1,7 @@
 /*
  * Audio DSP model core: owns the "dsp" serial line on /dev/ttyS2, splits
- * what the module writes into zero-terminated commands, records them and
- * hands each one to the responders in the order they were added.
+ * what the module writes into zero-terminated commands, hands each one to
+ * the responders in the order they were added, then records it.
  *
  * Threads: commands arrive on the line's reader thread, which also runs the
  * responders (a responder's send() writes from there). Tests read the
@@ -50,16 +50,12 @@ DspModel::DspModel(Board &board) : board_(board), impl_(std::make_unique<Impl>(b
             for (size_t i = 0; i < size; ++i) {
                 if (data[i] == 0) {
                     complete.push_back(impl_->partial);
-                    impl_->commands.push_back(impl_->partial);
                     impl_->partial.clear();
                 } else {
                     impl_->partial += static_cast<char>(data[i]);
                 }
             }
         }
-        if (complete.empty())
-            return;
-        impl_->changed.notify_all();
         for (const std::string &command : complete) {
             std::vector<Responder> responders;
             {
@@ -69,6 +65,13 @@ DspModel::DspModel(Board &board) : board_(board), impl_(std::make_unique<Impl>(b
             for (auto &responder : responders)
                 if (responder(*this, command))
                     break;
+            // Recorded once handled: whoever sees a command in the record
+            // also sees what it did to the model's state.
+            {
+                std::lock_guard<std::mutex> lock(impl_->mutex);
+                impl_->commands.push_back(command);
+            }
+            impl_->changed.notify_all();
         }
     });
 }
