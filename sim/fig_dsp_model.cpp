@@ -59,13 +59,14 @@ struct FigDspModel::Impl {
     explicit Impl(Board &board) : line(board, kNode, kLink) {}
 
     // Takes one byte of the module's stream; a completed frame is returned
-    // through `done`. Called under mutex.
+    // through `done` (and recorded once answered). Called under mutex.
     void take(uint8_t byte, std::vector<Frame> &done)
     {
         received.push_back(byte);
         if (pending.empty()) {
             if (zeroMayFollow && byte == 0) {
-                frames.back().zeroAfter = true;
+                // The frame is still in `done` when the zero came in its chunk.
+                (done.empty() ? frames.back() : done.back()).zeroAfter = true;
                 zeroMayFollow = false;
                 return;
             }
@@ -96,7 +97,6 @@ struct FigDspModel::Impl {
         frame.crcOk = crc8(frame.payload.data(), frame.payload.size()) == pending[pending.size() - 2];
         frame.endOk = pending.back() == kEnd;
         frame.when = Clock::now();
-        frames.push_back(frame);
         done.push_back(frame);
         pending.clear();
         zeroMayFollow = true;
@@ -187,9 +187,14 @@ FigDspModel::FigDspModel(Board &board) : impl_(std::make_unique<Impl>(board))
             for (size_t i = 0; i < size; ++i)
                 impl_->take(data[i], done);
         }
-        impl_->changed.notify_all();
-        for (const Frame &frame : done)
+        for (const Frame &frame : done) {
             impl_->answer(frame);
+            // Recorded once answered: whoever sees a frame in the record
+            // also sees what it did to the model's state.
+            std::lock_guard<std::mutex> lock(impl_->mutex);
+            impl_->frames.push_back(frame);
+        }
+        impl_->changed.notify_all();
     });
 }
 
