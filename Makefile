@@ -54,7 +54,7 @@ test-tsan: deps
 
 # Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
 # of tests/fuzz for FUZZ_SECONDS each, one after the other, from the
-# checked-in seeds and a working corpus that grows between runs; prints
+# checked-in starters and a working corpus that grows between runs; prints
 # executions, coverage and crashes per harness (docs/fuzzing.md).
 FUZZ_SECONDS ?= 180
 fuzz-build: deps
@@ -64,7 +64,7 @@ fuzz-build: deps
 fuzz: fuzz-build
 	nice -n 10 scripts/run-fuzz build/fuzz $(FUZZ_SECONDS)
 
-# The short run for the suite: each harness 20 s from its seeds alone.
+# The short run for the suite: each harness 20 s from its starters alone.
 fuzz-smoke: fuzz-build
 	scripts/run-fuzz build/fuzz 20 --fresh
 

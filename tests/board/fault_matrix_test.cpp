@@ -589,10 +589,10 @@ protected:
 
     // A test pattern of `size` bytes, padded to the next 512 (the link
     // reads whole transfers).
-    static std::vector<uint8_t> pattern(size_t size, unsigned seed)
+    static std::vector<uint8_t> pattern(size_t size, unsigned salt)
     {
         std::vector<uint8_t> buf((size + 511) / 512 * 512, 0);
-        std::mt19937 rng(seed);
+        std::mt19937 rng(salt);
         for (size_t i = 0; i < size; ++i)
             buf[i] = static_cast<uint8_t>(rng());
         return buf;

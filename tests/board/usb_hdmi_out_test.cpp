@@ -36,12 +36,12 @@ constexpr int kPid = sim::HdmiOutModel::kProductId;
 constexpr size_t kXfer = 512;
 constexpr uint8_t kPaddingMark = 0xEE;
 
-// A caller's buffer: `size` payload bytes from a seed, readable up to the
+// A caller's buffer: `size` payload bytes from a salt value, readable up to the
 // next multiple of 512 as the link requires, the rest marked.
-std::vector<uint8_t> payloadBuffer(size_t size, unsigned seed)
+std::vector<uint8_t> payloadBuffer(size_t size, unsigned salt)
 {
     std::vector<uint8_t> buf((size + kXfer - 1) / kXfer * kXfer + (size == 0 ? kXfer : 0), kPaddingMark);
-    uint32_t x = seed * 2654435761u + 1;
+    uint32_t x = salt * 2654435761u + 1;
     for (size_t i = 0; i < size; ++i) {
         x = x * 1103515245u + 12345u;
         buf[i] = static_cast<uint8_t>(x >> 16);
@@ -491,11 +491,11 @@ TEST_F(HdmiOut, AOneMegabyteStreamArrivesByteExactWithHeartbeatsOnceASecond)
     const int sizes[] = {512000, 512000, 24576};
     std::vector<std::vector<uint8_t>> sent;
     const auto start = sim::Clock::now();
-    unsigned seed = 100;
+    unsigned salt = 100;
     // Streams of 1 MB (three packets) for at least 3.5 s of data flow.
     while (sim::Clock::now() - start < 3500ms || sent.size() < 3) {
         for (int size : sizes) {
-            sent.push_back(payloadBuffer(static_cast<size_t>(size), seed++));
+            sent.push_back(payloadBuffer(static_cast<size_t>(size), salt++));
             ASSERT_EQ(codecHal_usb_hdmiOut_data_process(1, 1048576, size, 1, 2, 3, 1920, 1080, sent.back().data()), 0);
         }
     }

@@ -15,7 +15,7 @@
 #include <android/log.h>
 
 #include "amp/amp_tuning.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "process_env.h"
 
 namespace {
@@ -78,7 +78,7 @@ std::string asValues(const uint8_t *data, size_t size)
 // Tuning text in the forms scripts/gen-tuning-files writes: a floor file
 // cut to a few rows of each section, rows with the blanks the parser
 // tolerates and the one it does not, and bare values.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     const std::string wholeFile(1, '\x01');
     const std::string values(1, '\x00');

@@ -16,7 +16,7 @@
 #include "camera/cam_detect.h"
 #include "camera/cam_hid.h"
 #include "camera/cam_logs.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "process_env.h"
 
 namespace {
@@ -47,7 +47,7 @@ std::string report(uint8_t lead, const std::string &after)
 // What the camera sends during a download, in the stage it is sent in:
 // the answer announcing 40 bytes, the refusal, data reports up to the
 // end, a version answer, and a data report out of turn.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     const std::string stage(1, CAM_FILE_REQUESTED), acked(1, CAM_FILE_ACKED);
     const std::string size40("\0\0\0\0\0\x28", 6);       // bytes 5..10: refused at 7, size at 8

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "dsp/dsp_replies.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 
 namespace {
 
@@ -40,8 +40,8 @@ void runAll(const char *text)
 
 constexpr size_t kPrefixCount = sizeof kPrefixes / sizeof kPrefixes[0];
 
-// A seed: the selector of `prefix`, then the text after it.
-std::string seed(const char *prefix, const std::string &rest)
+// A starter: the selector of `prefix`, then the text after it.
+std::string starter(const char *prefix, const std::string &rest)
 {
     for (size_t i = 0; i < kPrefixCount; ++i)
         if (strcmp(kPrefixes[i], prefix) == 0)
@@ -53,14 +53,14 @@ std::string seed(const char *prefix, const std::string &rest)
 
 // The DSP's replies as the board's DSP model words them, and a few the
 // parsers must refuse.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
-    return {seed("MV=", "-11.10"),         seed("VS=", "-65.00"),
-            seed("MT=", "1"),              seed("PER_STAT=", "1, 1"),
-            seed("BAL_LEFT=", "0.50"),     seed("USER_EQ[", "3]=1,1000,2.5000,0.7000"),
-            seed("AOM=", "SPEAKER"),       seed("VER_FULL=", "AVM-DSP 2.4.1 build 0917"),
-            seed("MIC_DOA_REP=", "1"),     seed("MIC_DOA=", "90"),
-            seed("", "PER_STAT=1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26")};
+    return {starter("MV=", "-11.10"),         starter("VS=", "-65.00"),
+            starter("MT=", "1"),              starter("PER_STAT=", "1, 1"),
+            starter("BAL_LEFT=", "0.50"),     starter("USER_EQ[", "3]=1,1000,2.5000,0.7000"),
+            starter("AOM=", "SPEAKER"),       starter("VER_FULL=", "AVM-DSP 2.4.1 build 0917"),
+            starter("MIC_DOA_REP=", "1"),     starter("MIC_DOA=", "90"),
+            starter("", "PER_STAT=1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26")};
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -17,7 +17,7 @@
 #include <sys/stat.h>
 
 #include "dsp/dsp_link.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "process_env.h"
 #include "test_helpers.h"
 
@@ -38,7 +38,7 @@ constexpr int kVersionRow = 2;
 
 // Chunks as the board's DSP model sends them: replies to queries, file
 // answers, reports; and two replies run together in one chunk.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     return {"MV=-11.10",
             "MT=0",

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "fig/dsp_fig.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "sim/fig_wire.h"
 
 namespace {
@@ -28,7 +28,7 @@ const std::vector<std::string> kHeads = {
     "1MIC_ON990", "2MIC_OFF99", "8\x01", "7\x01", "3", "",
 };
 
-std::string asSeed(uint8_t quiet, const std::vector<sim::FigBytes> &frames)
+std::string asStarter(uint8_t quiet, const std::vector<sim::FigBytes> &frames)
 {
     std::string out(1, static_cast<char>(quiet));
     for (const auto &f : frames)
@@ -41,20 +41,20 @@ std::string asSeed(uint8_t quiet, const std::vector<sim::FigBytes> &frames)
 // What the Fig DSP sends, as the board's Fig model builds it: microphone
 // notifications, answers, a DOA report, a frame with a broken CRC before a
 // good one, and noise around a frame.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     using sim::figFrame;
     const uint8_t calm = 63; // the line goes quiet every 64 bytes
     sim::FigBytes badCrc = figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990");
     badCrc[badCrc.size() - 2] ^= 0x5A;
-    return {asSeed(calm, {figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990")}),
-            asSeed(calm, {figFrame(DSP_FIG_TYPE_COMMAND, "2MIC_OFF99")}),
-            asSeed(calm, {figFrame(DSP_FIG_TYPE_REPLY, sim::FigBytes{'8', 1}),
+    return {asStarter(calm, {figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990")}),
+            asStarter(calm, {figFrame(DSP_FIG_TYPE_COMMAND, "2MIC_OFF99")}),
+            asStarter(calm, {figFrame(DSP_FIG_TYPE_REPLY, sim::FigBytes{'8', 1}),
                           figFrame(DSP_FIG_TYPE_REPLY, sim::FigBytes{'7', 1})}),
-            asSeed(calm, {figFrame(DSP_FIG_TYPE_REPLY, "3FIG-1.2.7")}),
-            asSeed(calm, {figFrame(DSP_FIG_TYPE_DOA, sim::figDoaPayload(42.5f, 123456789, {1, 2, 3, 4, 5}))}),
-            asSeed(calm, {badCrc, figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990")}),
-            asSeed(2, {sim::FigBytes{0x00, 0x7F, 0x0A}, figFrame(DSP_FIG_TYPE_COMMAND, "2MIC_OFF99"),
+            asStarter(calm, {figFrame(DSP_FIG_TYPE_REPLY, "3FIG-1.2.7")}),
+            asStarter(calm, {figFrame(DSP_FIG_TYPE_DOA, sim::figDoaPayload(42.5f, 123456789, {1, 2, 3, 4, 5}))}),
+            asStarter(calm, {badCrc, figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990")}),
+            asStarter(2, {sim::FigBytes{0x00, 0x7F, 0x0A}, figFrame(DSP_FIG_TYPE_COMMAND, "2MIC_OFF99"),
                        sim::FigBytes{0x41, 0x42}})};
 }
 

@@ -8,7 +8,7 @@
 #include <android/log.h>
 
 #include "dsp/file_transfer.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 
 namespace {
 
@@ -16,8 +16,8 @@ void quietLogger(const struct __android_logger_data *, const char *) {}
 
 const char *const kWords[] = {"FWSTR=", "FWDAT=", "FWEND=", "FRDAT=", "FINF=", "FCOPY=", "FDEL=", "FMOV=", ""};
 
-// A seed: the selector of the word at `index`, then the answer after it.
-std::string seed(char index, const std::string &rest)
+// A starter: the selector of the word at `index`, then the answer after it.
+std::string starter(char index, const std::string &rest)
 {
     return std::string(1, index) + rest;
 }
@@ -26,17 +26,17 @@ std::string seed(char index, const std::string &rest)
 
 // The DSP's answers as the board's DSP model words them (the transfer in
 // flight is the one the harness sets up: 2900 bytes, chunk at 240).
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
-    return {seed(0, "/data/misc/AllConfigs.bin,OK"),
-            seed(0, "/data/misc/AllConfigs.bin,ERR_MD5"),
-            seed(1, "240,240,OK"),
-            seed(1, "0,240,ERR_REJECT"),
-            seed(2, "/data/misc/AllConfigs.bin,OK"),
-            seed(4, "/data/misc/AllConfigs.bin,2900,0123456789abcdef0123456789abcdef"),
-            seed(4, "/data/misc/AllConfigs.bin,1234"),
-            seed(4, "NULL"),
-            seed(8, "FRDAT=0,16,00112233445566778899AABBCCDDEEFF")};
+    return {starter(0, "/data/misc/AllConfigs.bin,OK"),
+            starter(0, "/data/misc/AllConfigs.bin,ERR_MD5"),
+            starter(1, "240,240,OK"),
+            starter(1, "0,240,ERR_REJECT"),
+            starter(2, "/data/misc/AllConfigs.bin,OK"),
+            starter(4, "/data/misc/AllConfigs.bin,2900,0123456789abcdef0123456789abcdef"),
+            starter(4, "/data/misc/AllConfigs.bin,1234"),
+            starter(4, "NULL"),
+            starter(8, "FRDAT=0,16,00112233445566778899AABBCCDDEEFF")};
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

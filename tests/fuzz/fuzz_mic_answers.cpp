@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "camera/detect.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 
 // The DSP's answers after "MIC_TEST=" and "AUX_TEST", as its microphone
 // feature sends them: testing, count and bits, pass and fail.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     return {"TESTING", "4,15", "4,5", "8,255", "0,0", "[0]=PASS", "[3]=FAIL", "[1]=TESTING", "[9]=PASS"};
 }

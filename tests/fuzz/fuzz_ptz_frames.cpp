@@ -11,7 +11,7 @@
 
 #include "camera/ptz_frame.h"
 #include "camera/ptz_link.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "sim/ptz_wire.h"
 
 namespace {
@@ -40,7 +40,7 @@ std::string frameOf(PtzCmdId id, const std::vector<uint8_t> &payload)
 // The camera's frames as the board's camera model builds them: its
 // notifications and replies, one per read, two in one read, and one split
 // into short reads (lost, as on the device).
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     const std::string whole(1, static_cast<char>(PTZ_PKT_SIZE - 1)); // chunks of 64
     const std::string split(1, 9);                                   // chunks of 10

@@ -11,13 +11,13 @@
 #include <vector>
 
 #include "camera/cam_detect.h"
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 #include "process_env.h"
 
 // uevent files of USB devices as the kernel writes them: a listed camera,
 // a keyboard, a hub interface. The first byte is replaced by the product
 // key when odd.
-std::vector<std::string> avmfuzz::seeds()
+std::vector<std::string> avmfuzz::starters()
 {
     return {"MAJOR=189\nMINOR=1\nDEVNAME=bus/usb/001/002\nDEVTYPE=usb_device\nDRIVER=usb\n"
             "PRODUCT=2e7d/f4f/100\nTYPE=239/2/1\nBUSNUM=001\nDEVNUM=002\n",

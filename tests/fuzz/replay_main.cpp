@@ -3,10 +3,10 @@
 //   fuzz_x [N]                  the empty input, then N pseudo-random inputs
 //                               (xorshift, fixed start value; 10000 by default)
 //   fuzz_x PATH...              every file named, and every file in every
-//                               directory named (the seed corpus, kept
+//                               directory named (the starting corpus, kept
 //                               crash reproducers), each as one input
-//   fuzz_x --write-seeds DIR    writes the harness's seed inputs into DIR
-//                               (one file per seed, named seed-NN)
+//   fuzz_x --write-starters DIR    writes the harness's starter inputs into DIR
+//                               (one file per starter, named starter-NN)
 //
 // so every harness runs in `make test` without clang, and what libFuzzer
 // once found stays a test.
@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "fuzz_seeds.h"
+#include "fuzz_starters.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -97,24 +97,24 @@ int replayPaths(int argc, char **argv)
     return 0;
 }
 
-int writeSeeds(const char *dir)
+int writeStarters(const char *dir)
 {
     mkdir(dir, 0755);
-    const std::vector<std::string> seeds = avmfuzz::seeds();
-    for (size_t i = 0; i < seeds.size(); ++i) {
+    const std::vector<std::string> starters = avmfuzz::starters();
+    for (size_t i = 0; i < starters.size(); ++i) {
         char name[32];
-        snprintf(name, sizeof name, "/seed-%02zu", i);
+        snprintf(name, sizeof name, "/starter-%02zu", i);
         const std::string path = std::string(dir) + name;
         FILE *f = fopen(path.c_str(), "wb");
-        if (f == nullptr || fwrite(seeds[i].data(), 1, seeds[i].size(), f) != seeds[i].size()) {
-            fprintf(stderr, "seeds: cannot write %s\n", path.c_str());
+        if (f == nullptr || fwrite(starters[i].data(), 1, starters[i].size(), f) != starters[i].size()) {
+            fprintf(stderr, "starters: cannot write %s\n", path.c_str());
             if (f != nullptr)
                 fclose(f);
             return 1;
         }
         fclose(f);
     }
-    printf("wrote %zu seed(s) to %s\n", seeds.size(), dir);
+    printf("wrote %zu starter(s) to %s\n", starters.size(), dir);
     return 0;
 }
 
@@ -147,8 +147,8 @@ bool isCount(const char *arg)
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && strcmp(argv[1], "--write-seeds") == 0)
-        return writeSeeds(argv[2]); // no harness state needed
+    if (argc == 3 && strcmp(argv[1], "--write-starters") == 0)
+        return writeStarters(argv[2]); // no harness state needed
     LLVMFuzzerInitialize(&argc, &argv);
     if (argc > 1 && !isCount(argv[1]))
         return replayPaths(argc, argv);
