@@ -97,6 +97,19 @@ struct HidrawDev {
 
 HidrawDev gHidDev;
 std::atomic_flag gHidCloseLock = ATOMIC_FLAG_INIT;
+
+// On a receive thread: the generation it serves, plus one; 0 on every
+// other thread.
+thread_local uint32_t tServedGeneration = 0;
+
+// Whether the calling thread is a receive thread that a stop or a later
+// start has retired. Such a thread, finding the channel closed on its way
+// out, must not open the node again: the channel would be open after the
+// stop, with nobody reading it.
+bool retiredReceiveThread()
+{
+    return tServedGeneration != 0 && gHidDev.generation.load() != tServedGeneration - 1u;
+}
 std::mutex gHidInitLock;
 std::mutex gHidStateLock;
 
@@ -151,6 +164,11 @@ bool closeNodeGuarded(int only = kAnyFd, bool stop = false)
 int openKnownPath()
 {
     std::lock_guard<std::mutex> lock(gHidStateLock);
+    // Checked under the lock a stop's close takes after retiring the
+    // thread: either this open comes first and the stop closes it, or the
+    // thread sees itself retired.
+    if (retiredReceiveThread())
+        return -1;
     int fd = open(gHidDev.path, O_RDWR);
     if (fd < 0) {
         LOGE("open hidraw Error\r\n");
@@ -318,7 +336,8 @@ int hal_hidraw_recvData(void *buf, int len)
 {
     if (!gHidDev.isOpen.load()) {
         LOGE("%s[%d] device is not open yet.\r\n", __func__, __LINE__);
-        hal_hidraw_open();
+        if (!retiredReceiveThread())
+            hal_hidraw_open();
         sleep(kNotOpenPauseS);
         return -1;
     }
@@ -380,6 +399,7 @@ void *hal_hidRcveData_THREAD(void *arg)
     // current one is served.
     const uintptr_t given = reinterpret_cast<uintptr_t>(arg);
     const uint32_t generation = given != 0 ? static_cast<uint32_t>(given - 1u) : gHidDev.generation.load();
+    tServedGeneration = generation + 1u;
     while (gHidDev.running.load() && gHidDev.generation.load() == generation) {
         int n = hal_hidraw_recvData(report, HIDRAW_RECV_MAX);
         if (n < 1)

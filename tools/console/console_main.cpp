@@ -322,11 +322,16 @@ int main(int argc, char **argv)
     __android_log_set_logger(printLog);
     int status = 0;
     {
-        sim::Board board;
+        // The board and its models live until the process ends: the
+        // module's threads (the camera link, the detection thread, the HID
+        // receive thread) outlive release by design and keep using the
+        // board's nodes, so tearing the models down under them would pull
+        // umockdev's sockets away mid-call.
+        sim::Board &board = *new sim::Board;
         board.trace().setListener(printEvent);
         if (!timelinePath.empty())
             timelineOn(board, timelinePath);
-        ModelSet models;
+        ModelSet &models = *new ModelSet;
         buildModels(board, models);
         if (camSwitch.empty())
             camSwitch = models.has("ptz") ? "1" : "0";
@@ -397,5 +402,8 @@ int main(int argc, char **argv)
         gLogsOn.store(false, std::memory_order_relaxed);
         board.trace().setListener(nullptr);
     }
-    return status;
+    // Leave without static destructors, for the same reason.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    _exit(status);
 }
