@@ -239,7 +239,7 @@ TEST_F(CameraLogsBoard, TheDebugTestCommandLogsEveryReport)
     EXPECT_TRUE(log.contains(tag, "recvBuff[4] = 0x03 "));
     EXPECT_TRUE(log.contains(tag, "recvBuff[7] = 0x01 "));
     EXPECT_EQ(log.countContaining(tag, "recvBuff["), 15u);
-    camera_ptzHal_deinit();
+    avmtest::stopPtzLink();
 }
 
 } // namespace

@@ -394,7 +394,7 @@ protected:
         if (!up)
             return;
         avmtest::releaseModule(hmi, &dsp);
-        camera_ptzHal_deinit(); // the PTZ link outlives release
+        avmtest::stopPtzLink(); // the PTZ link outlives release
     }
 
     int temperature() { return hmi->get_cam_current_temperature(); }

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -189,8 +190,16 @@ ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std
     for (const auto &a : command)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
+    std::vector<std::string> entries = env;
+    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        const std::string prefix = std::string(name) + "=";
+        const bool given = std::any_of(entries.begin(), entries.end(),
+                                       [&](const std::string &e) { return e.rfind(prefix, 0) == 0; });
+        if (const char *value = getenv(name); value != nullptr && !given)
+            entries.push_back(prefix + value);
+    }
     std::vector<char *> envp;
-    for (const auto &e : env)
+    for (const auto &e : entries)
         envp.push_back(const_cast<char *>(e.c_str()));
     envp.push_back(nullptr);
     pid_t pid = -1;

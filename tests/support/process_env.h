@@ -75,8 +75,9 @@ struct ChildResult {
 };
 
 // Runs a program with exactly the given environment ("KEY=VALUE" entries;
-// nothing is inherited) and collects its output. The caller's own
-// environment is untouched. A program of this build runs under the build's
+// nothing else is inherited but the sanitizer options of this run, so a
+// sanitized child reports, and suppresses, as its parent does) and
+// collects its output. The caller's own environment is untouched. A program of this build runs under the build's
 // emulator when the tests themselves do (the ARM build under qemu-user).
 ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std::string> &env);
 
