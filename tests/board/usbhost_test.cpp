@@ -97,9 +97,13 @@ struct RunLog {
     }
 };
 
+// The callbacks decide whether to end the run before they log the event:
+// a test that waits for an event and then asks for the next one to end
+// the run must not end it with the event it waited for.
 int onAdded(const char *name, void *data)
 {
     auto *log = static_cast<RunLog *>(data);
+    const bool stop = log->stopOnNext.load();
     log->add(std::string("+") + name);
     if (log->stopAfterAdded >= 0) {
         int added = 0;
@@ -108,14 +112,15 @@ int onAdded(const char *name, void *data)
         if (added >= log->stopAfterAdded)
             return 1;
     }
-    return log->stopOnNext.load() ? 1 : 0;
+    return stop ? 1 : 0;
 }
 
 int onRemoved(const char *name, void *data)
 {
     auto *log = static_cast<RunLog *>(data);
+    const bool stop = log->stopOnNext.load();
     log->add(std::string("-") + name);
-    return log->stopOnNext.load() ? 1 : 0;
+    return stop ? 1 : 0;
 }
 
 int onDone(void *data)
