@@ -309,8 +309,11 @@ TEST_F(ConfigUpgrade, HostileAnswersNeverStopTheReceiveThread)
         usleep(150 * 1000); // one port read per answer
     }
     // The link still works: an announcement runs the check and a restore.
-    // The pause keeps the announcement out of the last hostile chunk (the
-    // receive side does not split chunks).
+    // It goes out once the module has read the last hostile answer, and a
+    // pause after, so it is not read in one chunk with it (the receive
+    // side does not split chunks, and the model may write late on a busy
+    // machine).
+    ASSERT_TRUE(log.waitFor("DSP", "FWDAT=-1,-1,OK", 10s));
     usleep(500 * 1000);
     store.reboot();
     ASSERT_TRUE(waitForUpgrade(30s));
