@@ -38,6 +38,7 @@
 
 #include "amp/amp_program.h"
 #include "avmanager_hal.h"
+#include "bench_support.h"
 #include "contract.h"
 #include "dsp/dsp_audio.h"
 #include "dsp/dsp_link.h"
@@ -52,6 +53,10 @@
 #include "sim/uac_mixer_model.h"
 
 namespace {
+
+using bench::fmt;
+using bench::openDescriptors;
+using bench::residentKiB;
 
 using namespace std::chrono_literals;
 using contract::Seconds;
@@ -71,17 +76,6 @@ struct Row {
 };
 
 std::vector<Row> gRows;
-
-std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *format, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
 
 double msOf(Seconds s) { return s.count() * 1000.0; }
 double msOf(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
@@ -785,25 +779,6 @@ void idleCpu(Session &s)
                    perThread.c_str(), board, wakeUs, wakeUs * 333.0 / 1e4);
     row.measuredOk = true;
     gRows.push_back(row);
-}
-
-long residentKiB()
-{
-    std::ifstream statm("/proc/self/statm");
-    long size = 0, resident = 0;
-    statm >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-int openDescriptors()
-{
-    int n = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (dirent *entry = readdir(dir))
-            n += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n - 1; // the listing's own descriptor
 }
 
 void soak(Session &s)

@@ -40,6 +40,7 @@
 #include <hardware/hardware.h>
 
 #include "avmanager_hal.h"
+#include "bench_support.h"
 #include "dsp/dsp_audio.h"
 #include "sim/amp_model.h"
 #include "sim/board.h"
@@ -53,6 +54,10 @@
 #include "sim/usb_sysfs.h"
 
 namespace {
+
+using bench::fmt;
+using bench::openDescriptors;
+using bench::residentKiB;
 
 using namespace std::chrono_literals;
 using sim::Clock;
@@ -91,39 +96,9 @@ constexpr const char *kTagPrefix = "SOAK_TAG=";
 constexpr uint8_t kCurrentCelsius = 47; // what the camera model answers
 constexpr uint8_t kMaxCelsius = 85;
 
-std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *format, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
-
 double msSince(Clock::time_point t0)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
-long residentKiB()
-{
-    std::ifstream statm("/proc/self/statm");
-    long size = 0, resident = 0;
-    statm >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-int openDescriptors()
-{
-    int n = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (dirent *entry = readdir(dir))
-            n += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n - 1; // the listing's own descriptor
 }
 
 // Only the checker's findings are printed; the module's log lines are
@@ -206,24 +181,27 @@ public:
     }
 
     // Room in the pipe for n commands; false after a stall (taken anyway).
+    // First come, first served: the link frees one command's room every
+    // 8 ms, so without turns a sound mode waiting for room for its eight
+    // commands would be overtaken by single ones for as long as they come.
     bool acquire(int n)
     {
         const auto t0 = Clock::now();
-        int cur = inflight_.load();
-        for (;;) {
-            if (cur + n <= kDspCredit) {
-                if (inflight_.compare_exchange_weak(cur, cur + n))
-                    return true;
-                continue;
-            }
+        const long ticket = nextTicket_.fetch_add(1);
+        while (serving_.load() != ticket)
+            std::this_thread::sleep_for(1ms);
+        bool inTime = true;
+        while (inflight_.load() + n > kDspCredit) {
             if (Clock::now() - t0 > kStallAfter) {
-                inflight_.fetch_add(n);
+                inTime = false;
                 stalls_.fetch_add(1);
-                return false;
+                break;
             }
             std::this_thread::sleep_for(1ms);
-            cur = inflight_.load();
         }
+        inflight_.fetch_add(n);
+        serving_.fetch_add(1);
+        return inTime;
     }
     void release(int n) { inflight_.fetch_sub(n); }
     void posted(Kind kind, long n = 1) { posted_[kind].fetch_add(n); }
@@ -367,6 +345,8 @@ private:
     int range_ = 1;
     std::map<std::string, std::pair<int, int>> levelOwner_; // "MV=..." -> thread, place in its cycle
     std::atomic<int> inflight_{0};
+    std::atomic<long> nextTicket_{0}; // turns of acquire(), in the order they were asked for
+    std::atomic<long> serving_{0};
     std::atomic<long> stalls_{0};
     std::atomic<long> refused_{0};
     std::atomic<long> posted_[kKinds] = {};
