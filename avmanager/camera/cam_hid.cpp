@@ -110,6 +110,7 @@ bool retiredReceiveThread()
 {
     return tServedGeneration != 0 && gHidDev.generation.load() != tServedGeneration - 1u;
 }
+
 std::mutex gHidInitLock;
 std::mutex gHidStateLock;
 
