@@ -1,13 +1,17 @@
 # Quick start on a fresh Debian 12 machine:
 #   make run    install what is missing, build, open the console on the virtual board
-#   make test   install what is missing, build, run the whole suite (also under ASan+UBSan,
-#               and the unit tests built for 32-bit ARM under qemu-user)
+#   make test   install what is missing, build, run the whole suite: plain, ThreadSanitizer,
+#               ASan+UBSan, the unit tests built for 32-bit ARM under qemu-user, and a short
+#               libFuzzer run of every harness
 PRESET ?= default
 JOBS ?= 2
 # Tests at once: board tests mostly wait on the models, so more than cores.
 TEST_JOBS ?= 4
+# ThreadSanitizer multiplies every test's CPU time, so fewer at once.
+TSAN_JOBS ?= 2
 
-.PHONY: all deps build run test test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke clean
+.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke clean \
+	built-default built-asan built-tsan built-arm built-fuzz
 
 all: build
 
@@ -21,51 +25,73 @@ build: deps
 run: build
 	scripts/run-board build/$(PRESET)
 
+# `make test` runs five suites. The builds run one after the other, each
+# on every core; a suite starts as soon as its build is done and runs
+# while the next build compiles (the suite is proven to hold on a loaded
+# machine), and the suites run one at a time. The longest suite,
+# ThreadSanitizer's, is built second so that it overlaps the most
+# compiling. Each suite's output is printed when it ends.
 test: deps
-	$(MAKE) --no-print-directory test-default
-	$(MAKE) --no-print-directory test-asan
-	$(MAKE) --no-print-directory test-arm
+	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
 
-test-default:
+suites: test-default test-tsan test-asan test-arm fuzz-smoke
+
+# The order of the builds and of the suites, within `make test` only;
+# there `deps` has run once before.
+after = $(if $(PIPELINE),$(1))
+DEPS = $(if $(PIPELINE),,deps)
+
+built-default: $(DEPS)
 	cmake --preset default
 	cmake --build --preset default
-	ctest --preset default -j$(TEST_JOBS)
 
-test-asan:
+built-tsan: $(DEPS) $(call after,built-default)
+	cmake --preset tsan
+	cmake --build --preset tsan
+
+built-asan: $(DEPS) $(call after,built-tsan)
 	cmake --preset asan
 	cmake --build --preset asan
+
+built-arm: $(DEPS) $(call after,built-asan)
+	cmake --preset arm
+	cmake --build --preset arm
+
+built-fuzz: $(DEPS) $(call after,built-arm)
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+
+test-default: built-default
+	ctest --preset default -j$(TEST_JOBS)
+
+# ThreadSanitizer: findings are fixed, or suppressed narrowly in
+# tests/tsan.supp with the third-party frame and the reason. The fuzz
+# replays are left out: they feed parsers on one thread, which ASan and
+# UBSan cover.
+test-tsan: built-tsan $(call after,test-default)
+	ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
+
+test-asan: built-asan $(call after,test-tsan)
 	ctest --preset asan -j$(TEST_JOBS)
 
 # The device's ABI: module, platform pieces and unit tests cross-built for
 # 32-bit ARM (armhf) and run under qemu-user; no board tests (no umockdev
 # there).
-test-arm: deps
-	cmake --preset arm
-	cmake --build --preset arm
+test-arm: built-arm $(call after,test-asan)
 	ctest --preset arm -j$(JOBS)
-
-# ThreadSanitizer run: not part of `make test` (umockdev's preload and
-# GLib's worker threads make it slow); findings are fixed or suppressed
-# narrowly in tests/tsan.supp with the reason.
-test-tsan: deps
-	cmake --preset tsan
-	cmake --build --preset tsan
-	ctest --preset tsan -j$(JOBS)
 
 # Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
 # of tests/fuzz for FUZZ_SECONDS each, one after the other, from the
 # checked-in starters and a working corpus that grows between runs; prints
 # executions, coverage and crashes per harness (docs/fuzzing.md).
 FUZZ_SECONDS ?= 180
-fuzz-build: deps
-	cmake --preset fuzz
-	cmake --build --preset fuzz
+fuzz-build: built-fuzz
 
 fuzz: fuzz-build
 	nice -n 10 scripts/run-fuzz build/fuzz $(FUZZ_SECONDS)
 
-# The short run for the suite: each harness 20 s from its starters alone.
-fuzz-smoke: fuzz-build
+# The short run of `make test`: each harness 20 s from its starters alone.
+fuzz-smoke: built-fuzz $(call after,test-arm)
 	scripts/run-fuzz build/fuzz 20 --fresh
 
 # Performance figures (speed lives here, never in tests): the release
