@@ -47,7 +47,7 @@
 #include "dsp/dsp_properties.h"
 #include "dsp/dsp_replies.h"
 #include "dsp/dsp_reply_wait.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #define LOG_TAG "DETECT_HAL"
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)

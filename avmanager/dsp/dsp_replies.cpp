@@ -30,7 +30,7 @@
 
 #include "camera/camera_pipe.h"
 #include "dsp/dsp_properties.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #define LOG_TAG "DSP"
 #define DETECT_TAG "DETECT_HAL"

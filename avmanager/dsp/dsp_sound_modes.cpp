@@ -31,7 +31,7 @@
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_properties.h"
 #include "dsp/dsp_replies.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 namespace {
 

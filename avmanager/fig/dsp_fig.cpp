@@ -50,7 +50,7 @@
 #include "common/hal_usart.h"
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_sound_modes.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #define LOG_TAG "DSP_FIG"
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)

@@ -17,7 +17,7 @@
 #include "camera/ptz_link.h"
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_restore.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #define LOG_TAG "qor_avmanager_hal"
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)

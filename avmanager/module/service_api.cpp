@@ -21,7 +21,7 @@
 #include "dsp/dsp_pickup.h"
 #include "dsp/dsp_sound_modes.h"
 #include "fig/dsp_fig.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #define LOG_TAG "qor_avmanager_hal"
 #define LOG_ENTER() __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s]", __func__)

@@ -15,7 +15,7 @@
 #include "dsp/dsp_sound_modes.h"
 #include "dsp/file_transfer.h"
 #include "fig/dsp_fig.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 #include "test_helpers.h"
 
 namespace avmtest {

@@ -9,7 +9,7 @@
 #include <android/log.h>
 
 #include "log_capture.h"
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
  * call reads the property; concurrent first calls may both read and log,
  * with the same outcome, so a relaxed atomic is all the cache needs.
  */
-#include "module/feature_switches.h"
+#include "common/feature_switches.h"
 
 #include <atomic>
 
