@@ -53,46 +53,6 @@ std::vector<uint8_t> deviceDescriptor(const UsbDeviceDescription &d)
     return out;
 }
 
-std::vector<uint8_t> configurationDescriptor(const UsbDeviceDescription &d)
-{
-    std::vector<uint8_t> body;
-    for (const auto &interface : d.interfaces) {
-        body.push_back(USB_DT_INTERFACE_SIZE);
-        body.push_back(USB_DT_INTERFACE);
-        body.push_back(interface.number);
-        body.push_back(interface.alternateSetting);
-        body.push_back(static_cast<uint8_t>(interface.endpoints.size()));
-        body.push_back(interface.interfaceClass);
-        body.push_back(interface.interfaceSubClass);
-        body.push_back(interface.interfaceProtocol);
-        body.push_back(0); // no interface string
-        for (const auto &endpoint : interface.endpoints) {
-            body.push_back(USB_DT_ENDPOINT_SIZE);
-            body.push_back(USB_DT_ENDPOINT);
-            body.push_back(endpoint.address);
-            body.push_back(endpoint.attributes);
-            put16(body, endpoint.maxPacketSize);
-            body.push_back(endpoint.interval);
-        }
-    }
-    std::vector<uint8_t> out;
-    out.push_back(USB_DT_CONFIG_SIZE);
-    out.push_back(USB_DT_CONFIG);
-    put16(out, static_cast<uint16_t>(USB_DT_CONFIG_SIZE + body.size()));
-    // Interfaces count once per number, not per alternate setting.
-    std::vector<uint8_t> numbers;
-    for (const auto &interface : d.interfaces)
-        if (std::find(numbers.begin(), numbers.end(), interface.number) == numbers.end())
-            numbers.push_back(interface.number);
-    out.push_back(static_cast<uint8_t>(numbers.size()));
-    out.push_back(d.configurationValue);
-    out.push_back(0); // no configuration string
-    out.push_back(d.configurationAttributes);
-    out.push_back(d.maxPower);
-    out.insert(out.end(), body.begin(), body.end());
-    return out;
-}
-
 // A string descriptor: its length, type 3, then UTF-16LE (ASCII text).
 std::vector<uint8_t> stringDescriptor(const std::string &text)
 {
@@ -132,12 +92,60 @@ std::string hex16(unsigned value)
 
 } // namespace
 
+std::vector<uint8_t> usbInterfaceDescriptor(const UsbInterface &interface)
+{
+    return {USB_DT_INTERFACE_SIZE,
+            USB_DT_INTERFACE,
+            interface.number,
+            interface.alternateSetting,
+            static_cast<uint8_t>(interface.endpoints.size()),
+            interface.interfaceClass,
+            interface.interfaceSubClass,
+            interface.interfaceProtocol,
+            0}; // no interface string
+}
+
+std::vector<uint8_t> usbEndpointDescriptor(const UsbEndpoint &endpoint)
+{
+    std::vector<uint8_t> out{USB_DT_ENDPOINT_SIZE, USB_DT_ENDPOINT, endpoint.address, endpoint.attributes};
+    put16(out, endpoint.maxPacketSize);
+    out.push_back(endpoint.interval);
+    return out;
+}
+
+std::vector<uint8_t> usbDescriptorsListing(const UsbDeviceDescription &d, const std::vector<uint8_t> &body)
+{
+    std::vector<uint8_t> out = deviceDescriptor(d);
+    out.push_back(USB_DT_CONFIG_SIZE);
+    out.push_back(USB_DT_CONFIG);
+    put16(out, static_cast<uint16_t>(USB_DT_CONFIG_SIZE + body.size()));
+    // Interfaces count once per number, not per alternate setting.
+    std::vector<uint8_t> numbers;
+    for (const auto &interface : d.interfaces)
+        if (std::find(numbers.begin(), numbers.end(), interface.number) == numbers.end())
+            numbers.push_back(interface.number);
+    out.push_back(static_cast<uint8_t>(numbers.size()));
+    out.push_back(d.configurationValue);
+    out.push_back(0); // no configuration string
+    out.push_back(d.configurationAttributes);
+    out.push_back(d.maxPower);
+    out.insert(out.end(), body.begin(), body.end());
+    return out;
+}
+
 std::vector<uint8_t> usbDescriptors(const UsbDeviceDescription &description)
 {
-    std::vector<uint8_t> out = deviceDescriptor(description);
-    const std::vector<uint8_t> config = configurationDescriptor(description);
-    out.insert(out.end(), config.begin(), config.end());
-    return out;
+    // Each interface followed by its endpoints, as devices list them.
+    std::vector<uint8_t> body;
+    for (const auto &interface : description.interfaces) {
+        const auto head = usbInterfaceDescriptor(interface);
+        body.insert(body.end(), head.begin(), head.end());
+        for (const auto &endpoint : interface.endpoints) {
+            const auto e = usbEndpointDescriptor(endpoint);
+            body.insert(body.end(), e.begin(), e.end());
+        }
+    }
+    return usbDescriptorsListing(description, body);
 }
 
 UsbDevice::UsbDevice(Board &board, UsbDeviceDescription description, std::string link)
@@ -438,7 +446,10 @@ bool UsbDevice::standardDescriptor(const ControlTransfer &setup, std::vector<uin
     if (type == USB_DT_DEVICE) {
         answer = deviceDescriptor(description_);
     } else if (type == USB_DT_CONFIG && index == 0) {
-        answer = configurationDescriptor(description_);
+        // The configuration descriptor with everything under it: what read()
+        // gives after the device descriptor.
+        const std::vector<uint8_t> all = usbDescriptors(description_);
+        answer.assign(all.begin() + USB_DT_DEVICE_SIZE, all.end());
     } else if (type == USB_DT_STRING && index == 0) {
         answer = {static_cast<uint8_t>(2 + 2 * description_.languages.size()), USB_DT_STRING};
         for (uint16_t language : description_.languages)

@@ -89,6 +89,13 @@ struct UsbDeviceDescription {
 // The descriptors a device with this description reads back as: device
 // descriptor, then the configuration with its interfaces and endpoints.
 std::vector<uint8_t> usbDescriptors(const UsbDeviceDescription &description);
+// The pieces, for devices that list their descriptors in an unusual order:
+// one interface descriptor (without its endpoints), one endpoint
+// descriptor, and the device and configuration descriptors of
+// `description` followed by `body` as the configuration's contents.
+std::vector<uint8_t> usbInterfaceDescriptor(const UsbInterface &interface);
+std::vector<uint8_t> usbEndpointDescriptor(const UsbEndpoint &endpoint);
+std::vector<uint8_t> usbDescriptorsListing(const UsbDeviceDescription &description, const std::vector<uint8_t> &body);
 
 class UsbDevice {
 public:

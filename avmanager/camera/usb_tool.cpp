@@ -18,12 +18,13 @@
  * context of the scan in progress, the target text, the two endpoint
  * addresses and the mode flag set by usbtool_getCamVersion.
  *
- * Descriptors come from the device and are not trusted: one is looked at
- * only when all of its fields lie inside what the device returned.
+ * Descriptors come from the device and are not trusted: the walk over
+ * them (common/usb_descriptors.cpp) keeps only what lies inside them.
  *
  * Log tag "DETECT_HAL".
  */
 #include "camera/usb_tool.h"
+#include "common/usb_descriptors.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -73,19 +74,6 @@ bool matchesTarget(usb_device *device)
 }
 
 const char *orEmpty(const char *text) { return text ? text : ""; }
-
-// A descriptor the iterator handed out, if it is of `type` and at least
-// `size` of its bytes lie inside what the device returned.
-const uint8_t *wholeDescriptor(const usb_descriptor_header *header, const usb_descriptor_iter &iter,
-                               uint8_t type, size_t size)
-{
-    const auto *bytes = reinterpret_cast<const uint8_t *>(header);
-    if (header->bDescriptorType != type || header->bLength < size)
-        return nullptr;
-    if (iter.config_end == nullptr || bytes + size > iter.config_end)
-        return nullptr;
-    return bytes;
-}
 
 void closeDevice()
 {
@@ -142,25 +130,18 @@ int usbTool_device_added(const char *devname, void *)
     closeDevice();
     gUsbTool.device = device;
 
-    const usb_interface_descriptor *interface = nullptr;
-    const usb_endpoint_descriptor *endpoints[2] = {nullptr, nullptr};
-    int endpointCount = 0;
-    usb_descriptor_iter iter;
-    usb_descriptor_iter_init(device, &iter);
-    while (interface == nullptr || endpointCount < 2) {
-        usb_descriptor_header *header = usb_descriptor_iter_next(&iter);
-        if (header == nullptr)
-            break;
-        if (const uint8_t *d = wholeDescriptor(header, iter, USB_DT_INTERFACE, USB_DT_INTERFACE_SIZE))
-            interface = reinterpret_cast<const usb_interface_descriptor *>(d); // the most recent one
-        else if (const uint8_t *e = wholeDescriptor(header, iter, USB_DT_ENDPOINT, USB_DT_ENDPOINT_SIZE))
-            endpoints[endpointCount++] = reinterpret_cast<const usb_endpoint_descriptor *>(e);
-    }
+    // The most recent interface and the first two endpoints, stopping once
+    // both are known: endpoints listed before any interface count, and
+    // any past the second are not kept.
+    UsbDescWalk walk;
+    usbDescWalk(device, USB_DESC_WALK_ONCE_KNOWN, &walk);
+    const usb_interface_descriptor *interface = walk.interface;
+    const usb_endpoint_descriptor *const *endpoints = walk.endpoints;
     if (interface == nullptr) {
         LOGE("interface not found!");
         return -1;
     }
-    if (endpointCount < 2) {
+    if (walk.endpointCount < 2) {
         LOGE("endpoints not found!");
         return -1;
     }

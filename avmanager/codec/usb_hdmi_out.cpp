@@ -32,6 +32,7 @@
  * microseconds).
  */
 #include "codec/usb_hdmi_out.h"
+#include "common/usb_descriptors.h"
 
 #include <android/log.h>
 #include <arpa/inet.h>
@@ -263,25 +264,19 @@ int usbHdmiOut_device_added(const char *devName, void *)
     LOGI("founded usb hdmiOut device!!!");
 
     // The most recent interface and the first two endpoints, read as the
-    // device lists them.
-    const usb_interface_descriptor *interface = nullptr;
-    const usb_endpoint_descriptor *endpoints[2] = {nullptr, nullptr};
-    usb_descriptor_iter iter;
-    usb_descriptor_iter_init(device, &iter);
-    while (usb_descriptor_header *desc = usb_descriptor_iter_next(&iter)) {
-        if (desc->bDescriptorType == USB_DT_INTERFACE)
-            interface = reinterpret_cast<const usb_interface_descriptor *>(desc);
-        else if (desc->bDescriptorType == USB_DT_ENDPOINT && !endpoints[1])
-            endpoints[endpoints[0] ? 1 : 0] = reinterpret_cast<const usb_endpoint_descriptor *>(desc);
-        if (interface && endpoints[1])
-            break;
-    }
+    // device lists them. Unlike the camera's USB tool, the walk goes on to
+    // the last descriptor: with several interfaces, the last one listed is
+    // claimed, with the first two endpoints of the whole configuration.
+    UsbDescWalk walk;
+    usbDescWalk(device, USB_DESC_WALK_TO_END, &walk);
+    const usb_interface_descriptor *interface = walk.interface;
+    const usb_endpoint_descriptor *const *endpoints = walk.endpoints;
     if (!interface) {
         LOGE("interface not found!");
         usb_device_close(device);
         return 0;
     }
-    if (!endpoints[1]) {
+    if (walk.endpointCount < 2) {
         LOGE("endpoints not found!");
         usb_device_close(device);
         return 0;
@@ -421,9 +416,9 @@ int codecHal_usb_hdmiOut_connect(void)
 
 int codecHal_usb_hdmiOut_disconnect(void)
 {
-    const int ret = sendLinkPacket(USB_HDMI_OUT_TYPE_DISCONNECT);
-    if (ret < 0)
-        LOGE("usb_hdmiOut_bulk_xfer disconnect error %d!", ret);
+    // The transfer's result is not looked at: the one line logged is the
+    // success line, whatever the transfer did.
+    sendLinkPacket(USB_HDMI_OUT_TYPE_DISCONNECT);
     LOGI("codecHal_usb_hdmiOut_disconnect success!");
     gUsbHdmiOutDev.acknowledged.store(0, std::memory_order_relaxed);
     return 1;
@@ -470,9 +465,9 @@ int codecHal_usb_hdmiOut_send_heartBeat(int type, int TotalLen, int ThisLen, int
         static_cast<double>(now - gHeartbeatStartUs.load(std::memory_order_relaxed)) / kHeartbeatPeriodUs;
     if (elapsed <= 1.0 + kHeartbeatToleranceS)
         return 0;
+    // A failed heartbeat is reported by the result only; the line logged
+    // is the packet's summary.
     const int ret = sendLinkPacket(USB_HDMI_OUT_TYPE_HEARTBEAT);
-    if (ret < 0)
-        LOGE("usb_hdmiOut_bulk_xfer heartBeat error %d!", ret);
     LOGI("ThisLen %d TotalLen %d Width %d Height %d", ThisLen, TotalLen, Width, Height);
     gHeartbeatStartUs.store(wallClockUs(), std::memory_order_relaxed);
     return ret;

@@ -16,6 +16,7 @@
 
 #include <android/log.h>
 #include <cutils/properties.h>
+#include <linux/usb/ch9.h>
 
 #include "avmanager_hal.h"
 #include "camera/cam_detect.h"
@@ -357,3 +358,146 @@ TEST_F(CamDetectBoard, BeforeAnyVersionReadTheListingCallbackLogsEachDevice)
 }
 
 } // namespace
+
+// Anyone can make a USB device report the camera's ids. One that lists
+// twelve endpoints before its interface: the tool keeps the first two,
+// claims the interface that follows them, and its transfers go to those
+// two endpoints.
+TEST_F(CamDetectBoard, TheUsbToolKeepsTheFirstTwoOfTwelveEndpointsListedBeforeTheInterface)
+{
+    sim::UsbDeviceDescription d = usbCamera(0x1BCF, 0x2680, 0x0100);
+    sim::UsbInterface &interface = d.interfaces[0];
+    interface.number = 3;
+    interface.endpoints.clear();
+    // OUT 0x01, IN 0x82, OUT 0x03, IN 0x84, ... OUT 0x0b, IN 0x8c.
+    for (uint8_t i = 1; i <= 12; ++i)
+        interface.endpoints.push_back(sim::UsbEndpoint{static_cast<uint8_t>(i % 2 ? i : (0x80 | i)), 0x02, 512, 0});
+    std::vector<uint8_t> body;
+    for (const auto &endpoint : interface.endpoints) {
+        const auto e = sim::usbEndpointDescriptor(endpoint);
+        body.insert(body.end(), e.begin(), e.end());
+    }
+    const auto head = sim::usbInterfaceDescriptor(interface);
+    body.insert(body.end(), head.begin(), head.end());
+    sim::UsbDevice device(board, d);
+    device.setRawDescriptors(sim::usbDescriptorsListing(d, body));
+
+    ASSERT_EQ(usbtool_device_init(0x1BCF, 0x2680), 0);
+    ASSERT_EQ(usbtool_device_is_open(), 1);
+    EXPECT_EQ(log.countContaining(kTag, "not found!"), 0u);
+    const auto claims = device.claimEvents();
+    ASSERT_EQ(claims.size(), 1u);
+    EXPECT_EQ(claims[0].interface, 3u);
+    EXPECT_EQ(claims[0].result, 0);
+    // The first endpoint is OUT, so the second is IN.
+    EXPECT_EQ(usbtool_in_endpoint(), 0x82);
+    EXPECT_EQ(usbtool_out_endpoint(), 0x01);
+    const uint8_t out[3] = {1, 2, 3};
+    EXPECT_EQ(usbtool_buffer_write(out, sizeof out), 3);
+    ASSERT_EQ(device.bulkOut().size(), 1u);
+    EXPECT_EQ(device.bulkOut()[0].endpoint, 0x01);
+    device.queueIn(0x82, {7, 7});
+    device.queueIn(0x84, {9, 9, 9});
+    uint8_t in[8] = {};
+    EXPECT_EQ(usbtool_buffer_read(in, sizeof in), 2);
+    ASSERT_EQ(device.bulkIn().size(), 1u);
+    EXPECT_EQ(device.bulkIn()[0].endpoint, 0x82);
+    EXPECT_EQ(device.queuedIn(0x84), 1u);
+}
+
+namespace {
+
+// A camera-tool device whose descriptors after the device and
+// configuration descriptors are `body`, raw.
+struct HostileLayout {
+    const char *name;
+    std::vector<uint8_t> body;
+    const char *log; // what the scan says, or nullptr when it takes the device
+};
+
+std::vector<uint8_t> concat(std::initializer_list<std::vector<uint8_t>> parts)
+{
+    std::vector<uint8_t> out;
+    for (const auto &p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+std::vector<HostileLayout> hostileLayouts()
+{
+    sim::UsbInterface interface;
+    interface.number = 0;
+    const auto iface = sim::usbInterfaceDescriptor(interface);
+    const auto in = sim::usbEndpointDescriptor(sim::UsbEndpoint{0x81, 0x02, 512, 0});
+    const auto out = sim::usbEndpointDescriptor(sim::UsbEndpoint{0x02, 0x02, 512, 0});
+    std::vector<uint8_t> truncatedOut(out.begin(), out.begin() + 4);
+    std::vector<uint8_t> truncatedIface(iface.begin(), iface.begin() + 5);
+    return {
+        {"no interface at all", {}, "interface not found!"},
+        {"a zero length before the interface", concat({{0x00, USB_DT_INTERFACE, 0, 0}, iface, in, out}),
+         "interface not found!"},
+        {"a length of one before the interface", concat({{0x01, USB_DT_ENDPOINT}, iface, in, out}),
+         "interface not found!"},
+        {"a zero length between the endpoints", concat({iface, in, {0x00, USB_DT_ENDPOINT, 0x02}, out}),
+         "endpoints not found!"},
+        {"a last endpoint running past the end", concat({iface, in, truncatedOut}), "endpoints not found!"},
+        {"an interface cut short by the end", concat({in, out, truncatedIface}), "interface not found!"},
+        {"a length running far past the end", concat({iface, in, {0xff, USB_DT_ENDPOINT, 0x02, 0x02}}),
+         "endpoints not found!"},
+        {"a zero length after everything is known", concat({iface, in, out, {0x00, 0x00}}), nullptr},
+    };
+}
+
+} // namespace
+
+// Broken descriptor sets from a device with the camera's ids: zero and
+// one-byte lengths, lengths past the end, truncated records, no interface.
+// The scan never hangs or reads outside the bytes (the sanitizer builds
+// check the latter); it says what it missed and claims nothing, or takes
+// what it found whole before the break.
+TEST_F(CamDetectBoard, TheUsbToolSurvivesBrokenDescriptorsAndSaysWhatItMissed)
+{
+    for (const auto &layout : hostileLayouts()) {
+        SCOPED_TRACE(layout.name);
+        log.clear();
+        sim::UsbDevice device(board, usbCamera(0x1BCF, 0x2680, 0x0100));
+        device.setRawDescriptors(sim::usbDescriptorsListing(device.description(), layout.body));
+        EXPECT_EQ(usbtool_device_init(0x1BCF, 0x2680), 0);
+        if (layout.log != nullptr) {
+            EXPECT_TRUE(log.contains(kTag, layout.log));
+            EXPECT_EQ(log.countContaining(kTag, "not found!"), 1u);
+            EXPECT_TRUE(device.claimEvents().empty());
+            EXPECT_EQ(usbtool_in_endpoint(), 0xFF);
+        } else {
+            EXPECT_EQ(log.countContaining(kTag, "not found!"), 0u);
+            ASSERT_EQ(device.claimEvents().size(), 1u);
+            EXPECT_EQ(usbtool_in_endpoint(), 0x81);
+            EXPECT_EQ(usbtool_out_endpoint(), 0x02);
+        }
+        usb_tool_resetForTest();
+    }
+}
+
+// Two interfaces with two endpoints each: the tool stops as soon as it
+// knows an interface and two endpoints, so it claims the first interface
+// and uses its endpoints. (The HDMI-out scan walks on and claims the last
+// interface listed: HdmiOut.TheLastInterfaceListedIsClaimedWithTheFirstTwoEndpoints.)
+TEST_F(CamDetectBoard, WithTwoInterfacesTheUsbToolClaimsTheFirstAndUsesItsEndpoints)
+{
+    sim::UsbDeviceDescription d = usbCamera(0x1BCF, 0x2680, 0x0100);
+    sim::UsbInterface second;
+    second.number = 1;
+    second.endpoints = {sim::UsbEndpoint{0x83, 0x02, 512, 0}, sim::UsbEndpoint{0x04, 0x02, 512, 0}};
+    d.interfaces.push_back(second);
+    sim::UsbDevice device(board, d);
+    ASSERT_EQ(usbtool_device_init(0x1BCF, 0x2680), 0);
+    const auto claims = device.claimEvents();
+    ASSERT_EQ(claims.size(), 1u);
+    EXPECT_EQ(claims[0].interface, 0u);
+    EXPECT_EQ(usbtool_in_endpoint(), 0x81);
+    EXPECT_EQ(usbtool_out_endpoint(), 0x02);
+    const uint8_t out[2] = {5, 6};
+    EXPECT_EQ(usbtool_buffer_write(out, sizeof out), 2);
+    ASSERT_EQ(device.bulkOut().size(), 1u);
+    EXPECT_EQ(device.bulkOut()[0].endpoint, 0x02);
+}

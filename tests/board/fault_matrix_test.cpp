@@ -754,12 +754,20 @@ protected:
 
 TEST_F(FaultFig, SilentFigDspLeavesTheVersionUnknownAndTheDoaStatusAsItWasAndIsAskedAgain)
 {
+    // While it still answers, DOA reporting is turned off: the status
+    // becomes 1 (the inverse of reporting), away from its start value.
+    EXPECT_EQ(dspFigHalAppRequestDoa(0), 0);
+    ASSERT_TRUE(fig.waitForCommand(sim::FigDspModel::kDoaOff, 1, figtest::kWire));
+    ASSERT_TRUE(sim::waitUntil([] { return dspFigHal_get_doa_status() == 1; }, figtest::kWire));
+
     fig.setSilent(true);
     EXPECT_EQ(detect_Fig_Dsp_Version(), 0);
     EXPECT_TRUE(fig.waitForCommand(sim::FigDspModel::kVersion, 1, figtest::kWire));
     EXPECT_EQ(dspFigHalAppRequestDoa(1), 0);
     EXPECT_TRUE(fig.waitForCommand(sim::FigDspModel::kDoaOn, 1, figtest::kWire));
-    EXPECT_EQ(dspFigHal_get_doa_status(), 0);
+    // No answer to DOA_ON: the status stays what the last answer made it.
+    std::this_thread::sleep_for(figtest::kQuiet);
+    EXPECT_EQ(dspFigHal_get_doa_status(), 1);
     EXPECT_EQ(prop("persist.sys.fig.dune.version"), "");
 
     fig.setSilent(false);

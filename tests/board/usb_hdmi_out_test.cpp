@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <android/log.h>
+#include <linux/usb/ch9.h>
 
 #include <atomic>
 #include <cerrno>
@@ -224,7 +225,12 @@ TEST_F(HdmiOut, AConverterWithOneEndpointIsClosed)
     EXPECT_TRUE(half.claimEvents().empty());
 }
 
-TEST_F(HdmiOut, TheLastInterfaceBeforeTheFirstTwoEndpointsIsClaimed)
+// The converter's scan walks every descriptor: the interface it claims is
+// the last one listed, its endpoints the first two of the whole
+// configuration (here the second interface's). The camera's USB tool stops
+// as soon as it knows both and claims an earlier one on such a device:
+// CamDetectBoard.WithTwoInterfacesTheUsbToolClaimsTheFirstAndUsesItsEndpoints.
+TEST_F(HdmiOut, TheLastInterfaceListedIsClaimedWithTheFirstTwoEndpoints)
 {
     sim::UsbDeviceDescription d;
     d.vendorId = kVid;
@@ -242,7 +248,7 @@ TEST_F(HdmiOut, TheLastInterfaceBeforeTheFirstTwoEndpointsIsClaimed)
     ASSERT_EQ(codecHal_usb_hdmiOut_init(kVid, kPid), 0);
     const auto claims = device.claimEvents();
     ASSERT_EQ(claims.size(), 1u);
-    EXPECT_EQ(claims[0].interface, 1u);
+    EXPECT_EQ(claims[0].interface, 2u);
     // OUT first: the second endpoint is the IN one the reader asks.
     device.queueIn(0x82, inData({0, 0, 0, 2}));
     EXPECT_TRUE(sim::waitUntil([&] { return device.bulkOut().size() == 1; }, kWait));
@@ -379,7 +385,13 @@ TEST_F(HdmiOut, APayloadOf1000BytesIsAHeaderAndTwoTransfersReading24BytesPastIt)
     const size_t before = model->usb().bulkOut().size();
     EXPECT_EQ(send(buf, 1000, 7, 5000), 0);
     const auto out = model->usb().bulkOut();
-    ASSERT_EQ(out.size() - before, 3u);
+    // The packet's three transfers; a heartbeat may follow them when the
+    // machine took more than a second since connect.
+    ASSERT_GE(out.size() - before, 3u);
+    if (out.size() - before > 3) {
+        ASSERT_EQ(out.size() - before, 4u);
+        EXPECT_EQ(model->count(Kind::Heartbeat), 1u);
+    }
     EXPECT_EQ(out[before + 1].bytes, firstBytes(buf, 512));
     EXPECT_EQ(out[before + 2].bytes, std::vector<uint8_t>(buf.begin() + 512, buf.end()));
     const auto data = model->packets(Kind::Data);
@@ -425,15 +437,32 @@ TEST_F(HdmiOut, HeaderFieldsAreCutToTheirWidthsAndTheRestOfTheHeaderTransferIsZe
     EXPECT_TRUE(model->errors().empty());
 }
 
+// Two data packets 0.5 s apart, the first right after the period since
+// connect so that it brings a heartbeat and starts the clock again: the
+// second brings none. That holds when the second packet ends less than a
+// second after the first began (the clock is read between the two); on a
+// machine too slow for that, the pair is tried again.
 TEST_F(HdmiOut, TwoDataPackets500msApartProduceOneHeartbeatAtMost)
 {
     ready();
     const auto buf = payloadBuffer(2048, 8);
-    ASSERT_EQ(send(buf, 2048), 0);
-    std::this_thread::sleep_for(500ms);
-    ASSERT_EQ(send(buf, 2048), 0);
-    EXPECT_LE(model->count(Kind::Heartbeat), 1u);
-    EXPECT_EQ(model->count(Kind::Data), 2u);
+    bool decided = false;
+    for (int attempt = 0; attempt < 5 && !decided; ++attempt) {
+        std::this_thread::sleep_for(1100ms);
+        const size_t beats = model->count(Kind::Heartbeat);
+        const auto firstBegan = sim::Clock::now();
+        ASSERT_EQ(send(buf, 2048), 0);
+        ASSERT_EQ(model->count(Kind::Heartbeat), beats + 1) << "the first packet is past the period";
+        std::this_thread::sleep_for(500ms);
+        ASSERT_EQ(send(buf, 2048), 0);
+        if (sim::Clock::now() - firstBegan >= 1s)
+            continue;
+        decided = true;
+        EXPECT_EQ(model->count(Kind::Heartbeat), beats + 1) << "no heartbeat within the second";
+        const auto packets = model->packets();
+        EXPECT_EQ(packets.back().kind, Kind::Data);
+    }
+    ASSERT_TRUE(decided) << "never two packets within a second";
 }
 
 TEST_F(HdmiOut, ADataPacket1200msAfterTheLastHeartbeatIsFollowedByOne)
@@ -447,6 +476,7 @@ TEST_F(HdmiOut, ADataPacket1200msAfterTheLastHeartbeatIsFollowedByOne)
     ASSERT_EQ(model->count(Kind::Heartbeat), 1u);
     // 1.2 s after that heartbeat, the next data packet brings the next one.
     std::this_thread::sleep_for(1200ms);
+    const auto secondBegan = sim::Clock::now();
     ASSERT_EQ(codecHal_usb_hdmiOut_data_process(1, 4000, 1000, 1, 2, 3, 1920, 1080, buf.data()), 0);
     const auto packets = model->packets();
     ASSERT_GE(packets.size(), 2u);
@@ -459,9 +489,13 @@ TEST_F(HdmiOut, ADataPacket1200msAfterTheLastHeartbeatIsFollowedByOne)
     EXPECT_GE(beats[1].when - beats[0].when, 1200ms);
     EXPECT_TRUE(logs.contains(kTag, "ThisLen 1000 TotalLen 4000 Width 1920 Height 1080"));
     EXPECT_EQ(logs.priorityOf(kTag, "ThisLen 1000 TotalLen 4000 Width 1920 Height 1080"), ANDROID_LOG_INFO);
-    // The clock starts again: the next packet brings none.
+    // The clock starts again: a packet that ends within the second after
+    // the one that carried the heartbeat began brings none.
     ASSERT_EQ(send(buf, 1000), 0);
-    EXPECT_EQ(model->count(Kind::Heartbeat), 2u);
+    if (sim::Clock::now() - secondBegan < 1s)
+        EXPECT_EQ(model->count(Kind::Heartbeat), 2u);
+    else
+        EXPECT_LE(model->count(Kind::Heartbeat), 3u) << "at most one more, a second on";
 }
 
 TEST_F(HdmiOut, AfterDisconnectDataIsRefusedUntilANewAcknowledgement)
@@ -567,9 +601,32 @@ TEST_F(HdmiOut, TransferFailuresAreLoggedAndNotRetried)
     EXPECT_EQ(model->usb().outAttempts() - attempts, 3u);
     EXPECT_EQ(logs.count(kTag, "usb_hdmiOut_bulk_xfer headPacket error -1!"), 1u);
     EXPECT_EQ(logs.count(kTag, "usb_hdmiOut_bulk_xfer tx_buff error -1!"), 2u);
+    // Disconnect's transfer fails too (one more attempt, not retried); its
+    // only line is the success line.
+    const size_t before = model->usb().outAttempts();
+    logs.clear();
     EXPECT_EQ(codecHal_usb_hdmiOut_disconnect(), 1);
-    EXPECT_TRUE(logs.contains(kTag, "usb_hdmiOut_bulk_xfer disconnect error -1!"));
+    EXPECT_EQ(model->usb().outAttempts() - before, 1u);
+    EXPECT_EQ(logs.countContaining(kTag, ""), 1u);
+    EXPECT_TRUE(logs.contains(kTag, "codecHal_usb_hdmiOut_disconnect success!"));
     EXPECT_EQ(model->count(Kind::Data), 0u);
+}
+
+TEST_F(HdmiOut, AFailedHeartbeatIsReportedByItsResultAndLogsOnlyThePacketSummary)
+{
+    ready();
+    // Past the heartbeat period since connect started the clock.
+    std::this_thread::sleep_for(1100ms);
+    model->usb().failTransfers(sim::UsbDevice::Transfer::BulkOut, EPIPE);
+    const size_t before = model->usb().outAttempts();
+    logs.clear();
+    EXPECT_LT(codecHal_usb_hdmiOut_send_heartBeat(1, 4000, 1000, 1, 2, 3, 1920, 1080), 0);
+    EXPECT_EQ(model->usb().outAttempts() - before, 1u);
+    EXPECT_EQ(logs.countContaining(kTag, ""), 1u);
+    EXPECT_TRUE(logs.contains(kTag, "ThisLen 1000 TotalLen 4000 Width 1920 Height 1080"));
+    // The clock started again all the same: none is due now.
+    EXPECT_EQ(codecHal_usb_hdmiOut_send_heartBeat(1, 4000, 1000, 1, 2, 3, 1920, 1080), 0);
+    EXPECT_EQ(model->usb().outAttempts() - before, 1u);
 }
 
 TEST_F(HdmiOut, AFailedEchoIsLoggedAndTheAcknowledgementStillCounts)
@@ -695,6 +752,45 @@ TEST_F(HdmiOut, RemovalOfTheOpenDeviceClearsTheHandleAndKeepsConnected)
     EXPECT_EQ(logs.count(kTag, "founded usb hdmiOut device!!!"), 1u);
 }
 
+namespace {
+
+// What the scan should make of a descriptor set, worked out here from the
+// bytes: the descriptors are stepped over by their length bytes until one
+// is shorter than a header or runs past the end; an interface or endpoint
+// is taken only when its length covers the whole record; the converter's
+// walk keeps the last interface and the first two endpoints.
+struct ExpectedScan {
+    bool interface = false;
+    int interfaceNumber = -1;
+    int endpoints = 0;
+    bool taken() const { return interface && endpoints == 2; }
+};
+
+ExpectedScan expectedScan(const std::vector<uint8_t> &raw)
+{
+    ExpectedScan e;
+    size_t at = 0;
+    while (raw.size() - at >= 2) {
+        const size_t length = raw[at];
+        if (length < 2 || length > raw.size() - at)
+            break;
+        if (raw[at + 1] == USB_DT_INTERFACE && length >= USB_DT_INTERFACE_SIZE) {
+            e.interface = true;
+            e.interfaceNumber = raw[at + 2];
+        } else if (raw[at + 1] == USB_DT_ENDPOINT && length >= USB_DT_ENDPOINT_SIZE && e.endpoints < 2) {
+            ++e.endpoints;
+        }
+        at += length;
+    }
+    return e;
+}
+
+} // namespace
+
+// Random descriptor sets after the converter's own device descriptor: the
+// scan never crashes, hangs or reads outside the bytes (the sanitizer
+// builds check that), and takes the converter exactly when the bytes hold
+// an interface and two endpoints, claiming the last interface listed.
 TEST_F(HdmiOut, HostileDescriptorsNeverCrashTheScan)
 {
     attach();
@@ -707,20 +803,49 @@ TEST_F(HdmiOut, HostileDescriptorsNeverCrashTheScan)
     };
     int found = 0;
     for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        // Descriptors of every kind one after the other: whole interfaces
+        // and endpoints, short ones, zero and one-byte lengths, lengths
+        // past the end, random bytes; the last one often cut short.
         std::vector<uint8_t> raw(good.begin(), good.begin() + 18);
-        const size_t tail = next() % 64;
-        for (size_t i = 0; i < tail; ++i) {
-            uint8_t b = next();
-            // Often a plausible descriptor type, so the walk goes deep.
-            if (i % 2 == 1 && (b & 1))
-                b = static_cast<uint8_t>(4 + (b >> 7));
-            raw.push_back(b);
+        const int count = next() % 8;
+        for (int i = 0; i < count; ++i) {
+            const uint8_t pick = next() % 6;
+            std::vector<uint8_t> d;
+            if (pick <= 1)
+                d = {USB_DT_INTERFACE_SIZE, USB_DT_INTERFACE, static_cast<uint8_t>(next() % 4), 0, 2, 0xff, 0, 0, 0};
+            else if (pick <= 3)
+                d = {USB_DT_ENDPOINT_SIZE, USB_DT_ENDPOINT, next(), 2, 0, 2, 0};
+            else {
+                d.push_back(static_cast<uint8_t>(next() % 12));
+                d.push_back(static_cast<uint8_t>(4 + next() % 2));
+                for (int j = next() % 10; j > 0; --j)
+                    d.push_back(next());
+            }
+            if (i == count - 1 && next() % 3 == 0)
+                d.resize(next() % (d.size() + 1));
+            raw.insert(raw.end(), d.begin(), d.end());
         }
+        const ExpectedScan expected = expectedScan(raw);
         model->usb().setRawDescriptors(raw);
-        if (codecHal_usb_hdmiOut_init(kVid, kPid) == 0)
+        const size_t claimsBefore = model->usb().claimEvents().size();
+        logs.clear();
+        const int ret = codecHal_usb_hdmiOut_init(kVid, kPid);
+        EXPECT_EQ(ret, expected.taken() ? 0 : -1);
+        const auto claims = model->usb().claimEvents();
+        if (expected.taken()) {
             ++found;
+            ASSERT_EQ(claims.size(), claimsBefore + 1);
+            EXPECT_EQ(static_cast<int>(claims.back().interface), expected.interfaceNumber);
+        } else {
+            EXPECT_EQ(claims.size(), claimsBefore);
+            EXPECT_TRUE(logs.contains(kTag, expected.interface ? "endpoints not found!" : "interface not found!"));
+        }
         EXPECT_EQ(codecHal_usb_hdmiOut_deinit(), 0);
     }
+    // The random sets held both kinds.
+    EXPECT_GT(found, 0);
+    EXPECT_LT(found, 300);
     // The well-formed set still works afterwards.
     model->usb().setRawDescriptors(good);
     EXPECT_EQ(codecHal_usb_hdmiOut_init(kVid, kPid), 0);

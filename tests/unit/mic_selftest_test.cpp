@@ -371,11 +371,14 @@ TEST_F(MicSelfTest, WithRecordTestOnFailuresAreCounted)
     detectMicStatus(); // sees record test on
     props.set("vendor.mic.test.monitor", "1");
     props.set("vendor.mic.test.ret", "0111");
-    props.set("persist.mic.dual_fail_num", "-3"); // a switched-off counter
+    props.set("persist.mic.dual_fail_num", "4");
     reset_mic_when_first_detect();
     EXPECT_EQ(get("persist.mic.fail_num"), "1");
+    EXPECT_EQ(get("persist.mic.dual_fail_num"), "4");
+    // The re-test after the power cycle fails too: a repeated failure.
     reset_mic_when_first_detect();
-    EXPECT_EQ(get("persist.mic.dual_fail_num"), "-3");
+    EXPECT_EQ(get("persist.mic.dual_fail_num"), "5");
+    EXPECT_EQ(get("persist.mic.fail_num"), "1");
     EXPECT_EQ(micResets(), 1);
 }
 
