@@ -393,8 +393,7 @@ int joinHidThreadPool(void)
 
 void *hal_hidRcveData_THREAD(void *arg)
 {
-    // One spare byte keeps a version text that fills the read terminated.
-    uint8_t report[HIDRAW_RECV_MAX + 1];
+    uint8_t report[HIDRAW_RECV_MAX];
     // A later start or a stop makes this thread an old one: it ends. The
     // generation comes with the argument (plus one); without one, the
     // current one is served.
@@ -405,18 +404,27 @@ void *hal_hidRcveData_THREAD(void *arg)
         int n = hal_hidraw_recvData(report, HIDRAW_RECV_MAX);
         if (n < 1)
             continue;
-        report[n] = 0;
-        if (n >= static_cast<int>(sizeof kVersionAnswerHead) &&
-            memcmp(report, kVersionAnswerHead, sizeof kVersionAnswerHead) == 0) {
-            const char *text = static_cast<size_t>(n) > kVersionTextOffset
-                                   ? reinterpret_cast<const char *>(report + kVersionTextOffset)
-                                   : "";
-            detectHal_camera_version_update(text);
-        }
-        LOGD("CamHidTransferFile: recved size %d ", n);
-        handleRecvCamHidMsg(report, n);
+        hal_hidraw_handle_report(report, n);
     }
     return nullptr;
+}
+
+void hal_hidraw_handle_report(const uint8_t *report, int n)
+{
+    if (report == nullptr || n < 1)
+        return;
+    // One read is at most HIDRAW_RECV_MAX bytes; the copy has a spare byte
+    // so a version text that fills the read ends terminated.
+    const size_t size = static_cast<size_t>(n) > HIDRAW_RECV_MAX ? HIDRAW_RECV_MAX : static_cast<size_t>(n);
+    uint8_t copy[HIDRAW_RECV_MAX + 1];
+    memcpy(copy, report, size);
+    copy[size] = 0;
+    if (size >= sizeof kVersionAnswerHead && memcmp(copy, kVersionAnswerHead, sizeof kVersionAnswerHead) == 0) {
+        const char *text = size > kVersionTextOffset ? reinterpret_cast<const char *>(copy + kVersionTextOffset) : "";
+        detectHal_camera_version_update(text);
+    }
+    LOGD("CamHidTransferFile: recved size %d ", static_cast<int>(size));
+    handleRecvCamHidMsg(copy, static_cast<int>(size));
 }
 
 void hal_hidraw_path(char *out, int size)

@@ -31,6 +31,10 @@ int joinHidThreadPool(void);
  * channel's start counter plus one), or NULL for the current one; a later
  * start or a stop ends it after its read in progress. */
 void *hal_hidRcveData_THREAD(void *arg);
+/* What the receive thread does with each report it reads (n bytes, at
+ * most HIDRAW_RECV_MAX are looked at): a version answer's text goes to the
+ * camera detection, and every report to the log download. */
+void hal_hidraw_handle_report(const uint8_t *report, int n);
 
 /* The node the channel found last ("" until one was found). Copied into
  * out (size bytes, always terminated). */
