@@ -120,9 +120,14 @@ void claimContext()
     }
 }
 
+// The per-file wait in polls: kAnswerPolls, except in tests that count
+// files rather than time them (cam_logs_setAnswerPollsForTest).
+std::atomic<int> gAnswerPolls{kAnswerPolls};
+
 bool waitForRefusal()
 {
-    for (int i = 0; i < kAnswerPolls; ++i) {
+    const int polls = gAnswerPolls.load(std::memory_order_relaxed);
+    for (int i = 0; i < polls; ++i) {
         if (gCamFileContext.stage.load() == CAM_FILE_REFUSED)
             return true;
         usleep(kPollUs);
@@ -396,6 +401,11 @@ CamFileStatus cam_logs_status(void)
 }
 
 #ifdef AVM_HOST_BUILD
+void cam_logs_setAnswerPollsForTest(int polls)
+{
+    gAnswerPolls.store(polls > 0 ? polls : kAnswerPolls, std::memory_order_relaxed);
+}
+
 void cam_logs_resetForTest(uint32_t stage, const char *savePath)
 {
     std::lock_guard<std::mutex> lock(gCamFileLock);

@@ -56,6 +56,10 @@ CamFileStatus cam_logs_status(void);
  * one at `savePath` when it is not NULL, as a download would have left
  * it. Debug logging is switched off. */
 void cam_logs_resetForTest(uint32_t stage, const char *savePath);
+/* Only tests that count files rather than time them call this: the wait
+ * after each file request, in 10 ms polls (800, 8 s, unless told; 0 or
+ * less restores that). */
+void cam_logs_setAnswerPollsForTest(int polls);
 #endif
 
 #ifdef __cplusplus

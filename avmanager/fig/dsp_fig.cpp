@@ -141,7 +141,8 @@ bool debugPropertyOn()
 {
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(kDebugLogProp, value, "0");
-    return value[0] == '1';
+    // Exactly "1": "10" or "1x" leave logging off.
+    return strcmp(value, "1") == 0;
 }
 
 uint8_t crc8(const uint8_t *data, size_t size)
@@ -560,12 +561,15 @@ int dspFigHal_uart_deinit(void)
 
 int dspFig_init(void)
 {
-    if (gDspFigDev.rxThread != pthread_t{}) {
-        // A second receive thread would compete for the port's bytes.
-        LOGE("%s: link already running!", __func__);
-        return -1;
-    }
     gDspFigDev.debugLog.store(debugPropertyOn() ? 1 : 0, std::memory_order_relaxed);
+    if (gDspFigDev.rxThread != pthread_t{}) {
+        // Already running: the port stays open and its one receive thread
+        // serves it. A second thread would share the receive buffer with
+        // the first, and a second descriptor would split the port's bytes
+        // between them; the caller sees the start it asked for.
+        LOGI("dsp_process_init finish!");
+        return 0;
+    }
     gDspFigDev.running.store(1, std::memory_order_release);
     // These three lines read as the main DSP link's do; kept word for word.
     if (dspFigHal_uart_init() == -1) {

@@ -26,6 +26,7 @@
 #include "module_on_board.h"
 #include "sim/board.h"
 #include "sim/hid_camera_model.h"
+#include "test_helpers.h"
 
 using namespace std::chrono_literals;
 
@@ -207,6 +208,33 @@ TEST_F(CamHidBoard, AReceiveReadsAtMost1024Bytes)
     EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + 1024, report.begin()));
     // Nothing past the 1024 bytes asked for was touched.
     EXPECT_EQ(buf[1024], 0xEE);
+}
+
+// A receive on a closed channel says so, opens the known node again,
+// and pauses a second before it fails, so a receive loop on a closed
+// channel tries once a second; so it does when the node cannot be opened.
+TEST_F(CamHidBoard, AReceiveOnAClosedChannelOpensTheNodeAgainAndPausesASecond)
+{
+    auto &camera = add("/dev/hidraw0");
+    ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
+    hal_hidraw_deinit();
+    ASSERT_EQ(joinHidThreadPool(), 0);
+    ASSERT_FALSE(hal_hidraw_isConnect());
+    uint8_t buf[64];
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(hal_hidraw_recvData(buf, sizeof buf), -1);
+    EXPECT_GE(avmtest::msSince(start), 1000);
+    EXPECT_EQ(log.countContaining("hidraw", "] device is not open yet.\r\n"), 1u);
+    EXPECT_EQ(log.countContaining("hidraw", "hal_hidraw_recvData["), 1u);
+    EXPECT_TRUE(hal_hidraw_isConnect()) << "opened again";
+
+    hal_hidraw_deinit();
+    camera.unplug();
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(hal_hidraw_recvData(buf, sizeof buf), -1);
+    EXPECT_GE(avmtest::msSince(start), 1000);
+    EXPECT_TRUE(log.contains("hidraw", "open hidraw Error\r\n"));
+    EXPECT_FALSE(hal_hidraw_isConnect());
 }
 
 TEST_F(CamHidBoard, TheReceiveThreadHandsTheVersionAnswerToTheCameraVersion)

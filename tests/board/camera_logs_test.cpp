@@ -120,6 +120,29 @@ TEST_F(CameraLogsBoard, ThreeFilesTheThirdRefusedLandByteExactThroughSlot43)
     EXPECT_EQ(cam_logs_status().stage, 0u);
 }
 
+// A camera that holds more than fifty logs of one name: fifty are asked
+// for (name.log, name_1.log, ... name_49.log) and no more. The files are
+// counted on the HID line; each one's wait is shortened here, since its
+// length is shown by the tests above.
+TEST_F(CameraLogsBoard, AtMostFiftyFilesOfANameAreFetched)
+{
+    for (int k = 0; k < 60; ++k)
+        camera.setFile(kRemote + (k == 0 ? std::string("kmsg.log") : "kmsg_" + std::to_string(k) + ".log"),
+                       "log " + std::to_string(k) + "\n");
+    cam_logs_setAnswerPollsForTest(25);
+    const int ret = getCamLog("kmsg", dir.path().c_str());
+    cam_logs_setAnswerPollsForTest(0);
+    EXPECT_EQ(ret, 64) << "the last request's send";
+    const auto requests = camera.fileRequests();
+    ASSERT_EQ(requests.size(), 50u);
+    EXPECT_EQ(requests.front(), kRemote + "kmsg.log");
+    for (int k = 1; k < 50; ++k)
+        EXPECT_EQ(requests[static_cast<size_t>(k)], kRemote + "kmsg_" + std::to_string(k) + ".log");
+    EXPECT_EQ(log.count("CamHidTransferFile", "request file = " + kRemote + "kmsg_50.log \n"), 0u);
+    EXPECT_EQ(log.countContaining("CamHidTransferFile", "time out finish = "), 50u);
+    EXPECT_EQ(cam_logs_status().stage, 0u);
+}
+
 TEST_F(CameraLogsBoard, ACameraThatRefusesTheFirstNameEndsAfterOneRequest)
 {
     const auto start = std::chrono::steady_clock::now();

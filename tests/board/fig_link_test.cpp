@@ -463,15 +463,62 @@ TEST(FigLinkStart, WithNothingOnTheLineInitFailsWithBothMessages)
     EXPECT_EQ(log.count("DSP_FIG", "openUsartDevice failed!"), 2u);
 }
 
-TEST_F(FigLink, InitLogsItsFinishAndASecondInitIsRefused)
+// A second start while the link runs succeeds as the first did, with the
+// same one line, and keeps the running link: the port is not opened again
+// and one receive thread answers each frame once.
+TEST_F(FigLink, InitLogsItsFinishAndASecondInitKeepsTheRunningLink)
 {
     startFig();
     EXPECT_TRUE(log.contains("DSP_FIG", "dsp_process_init finish!"));
     EXPECT_TRUE(log.contains("UART", "OpenDev /dev/ttyS2 success\n"));
     EXPECT_EQ(gDspFigDev.running.load(), 1);
-    EXPECT_EQ(dspFig_init(), -1);
-    EXPECT_TRUE(log.contains("DSP_FIG", "dspFig_init: link already running!"));
-    EXPECT_EQ(log.count("UART", "OpenDev /dev/ttyS2 success\n"), 1u) << "the port was not opened again";
+    const int port = gDspFigDev.fd.load();
+    log.clear();
+    EXPECT_EQ(dspFig_init(), 0);
+    std::vector<std::string> lines;
+    for (const auto &line : log.lines())
+        if (line.tag == "DSP_FIG" || line.tag == "UART")
+            lines.push_back(line.tag + ": " + line.text);
+    EXPECT_EQ(lines, std::vector<std::string>{"DSP_FIG: dsp_process_init finish!"});
+    EXPECT_EQ(gDspFigDev.fd.load(), port) << "the port was not opened again";
+    fig.sendRaw(pingFrame('t'));
+    ASSERT_TRUE(fig.waitForAcks('t', 1, kWire));
+    std::this_thread::sleep_for(kQuiet);
+    EXPECT_EQ(fig.countAcks('t'), 1u) << "one receive thread";
+}
+
+// Debug logging is on for exactly "1": other values that begin with it
+// leave it off, at start and when asked again.
+TEST_F(FigLink, OnlyADebugPropertyOfExactlyOneTurnsDebugLoggingOn)
+{
+    for (const char *value : {"10", "1 ", "1x", "11"}) {
+        SCOPED_TRACE(value);
+        ASSERT_EQ(property_set("persist.sys.dsp_fig_enlog", value), 0);
+        startFig();
+        EXPECT_EQ(gDspFigDev.debugLog.load(), 0);
+        setDspFigDebugLog();
+        EXPECT_EQ(gDspFigDev.debugLog.load(), 0);
+        // With logging off a broken frame is dropped without a word.
+        Bytes bad = pingFrame('x');
+        bad[bad.size() - 2] ^= 0xff;
+        log.clear();
+        fig.sendRaw(bad);
+        fig.sendRaw(pingFrame('y'));
+        ASSERT_TRUE(fig.waitForAcks('y', 1, kWire));
+        EXPECT_EQ(log.countContaining("DSP_FIG", "crc mismatch"), 0u);
+        dspFig_deinit();
+        figUp = false;
+        fig.clearLog();
+    }
+    ASSERT_EQ(property_set("persist.sys.dsp_fig_enlog", "1"), 0);
+    startFig();
+    EXPECT_EQ(gDspFigDev.debugLog.load(), 1);
+    Bytes bad = pingFrame('x');
+    bad[bad.size() - 2] ^= 0xff;
+    fig.sendRaw(bad);
+    fig.sendRaw(pingFrame('z'));
+    ASSERT_TRUE(fig.waitForAcks('z', 1, kWire));
+    EXPECT_EQ(log.countContaining("DSP_FIG", "crc mismatch"), 1u);
 }
 
 TEST_F(FigLink, TheDebugPropertyIsReadAtInitAndSetDspFigDebugLogCanOnlyTurnItOn)
