@@ -23,12 +23,15 @@
 
 #include "console.h"
 #include "sim/timeline.h"
+#include "sim/trace_summary.h"
 
 namespace console {
 
 namespace {
 
-std::atomic<bool> gTraceOn{true};       // live trace printing
+// Live trace printing: off, on (long events shortened), or full.
+enum TraceMode : int { kTraceOff, kTraceShort, kTraceFull };
+std::atomic<int> gTraceMode{kTraceShort};
 std::atomic<bool> gLogsOn{false};       // the module's log lines
 std::atomic<long long> gLastTraffic{0}; // steady-clock ns of the last trace event
 
@@ -79,10 +82,13 @@ long long nowNs()
 void printEvent(const sim::TraceEvent &event)
 {
     gLastTraffic.store(nowNs(), std::memory_order_relaxed);
-    if (!gTraceOn.load(std::memory_order_relaxed))
+    const int mode = gTraceMode.load(std::memory_order_relaxed);
+    if (mode == kTraceOff)
         return;
     std::string note = event.note;
-    if (note.empty())
+    if (mode == kTraceShort)
+        note = sim::traceSummary(event);
+    else if (note.empty())
         note = sim::renderBytes(event.bytes.data(), event.bytes.size());
     consolePrint("  " + event.link + (event.toDevice ? " <- \"" : " -> \"") + note + "\"");
 }
@@ -199,7 +205,7 @@ void help(const ModelSet &models)
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
     consolePrint("console:");
-    consolePrint("  help | trace on|off | logs on|off | timeline on <file> | timeline off | props");
+    consolePrint("  help | trace on|full|off | logs on|off | timeline on <file> | timeline off | props");
     consolePrint("  getprop <key> | setprop <key> <value> | sleep <ms> | quit");
     consolePrint("  (on a terminal: tab completes, up and down walk the history, ^C drops the line)");
 }
@@ -217,8 +223,9 @@ Outcome run(sim::Board &board, const avmanager_module_t *hal, const ModelSet &mo
         return Outcome::Quit;
     if (cmd == "help") {
         help(models);
-    } else if (cmd == "trace" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
-        gTraceOn.store(rest[0] == "on", std::memory_order_relaxed);
+    } else if (cmd == "trace" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off" || rest[0] == "full")) {
+        gTraceMode.store(rest[0] == "on" ? kTraceShort : rest[0] == "full" ? kTraceFull : kTraceOff,
+                         std::memory_order_relaxed);
     } else if (cmd == "logs" && rest.size() == 1 && (rest[0] == "on" || rest[0] == "off")) {
         gLogsOn.store(rest[0] == "on", std::memory_order_relaxed);
     } else if (cmd == "timeline" && rest.size() == 2 && rest[0] == "on") {
@@ -304,7 +311,7 @@ int main(int argc, char **argv)
         } else if (arg == "--logs") {
             gLogsOn.store(true);
         } else if (arg == "--no-trace") {
-            gTraceOn.store(false);
+            gTraceMode.store(kTraceOff);
         } else if (arg == "--help" || arg == "-h") {
             usage();
             return 0;
@@ -381,7 +388,7 @@ int main(int argc, char **argv)
             for (const auto &op : operations())
                 words.push_back(op.name);
             setCompletions(words, models.helpLines(),
-                           {{"trace", {"on", "off"}}, {"logs", {"on", "off"}}, {"timeline", {"on", "off"}}});
+                           {{"trace", {"on", "full", "off"}}, {"logs", {"on", "off"}}, {"timeline", {"on", "off"}}});
             runLineEditor("avm> ", [&](const std::string &line) {
                 return runMarked(board, hal, models, line) != Outcome::Quit;
             });
