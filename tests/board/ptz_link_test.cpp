@@ -4,6 +4,9 @@
 // answers, the sender thread draining the camera pipe, the test property.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <climits>
+
 #include <android/log.h>
 #include <cutils/properties.h>
 
@@ -103,14 +106,21 @@ TEST_F(PtzLink, ReplyArrivingDuringTheSleepIsSeenAtTheNextPoll)
 {
     camera.setReplyDelay(120ms);
     camera.setCurrentTemperature(33);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ptz_get_cam_current_temperature(), 33u);
     // Polled every 50 ms: the reply is taken at the poll after it came,
-    // well before the attempt's 500 ms are over (generous for a busy
-    // machine, but a link that looked only at the end would take 500 ms).
-    EXPECT_LT(avmtest::msSince(start), 450);
-    EXPECT_EQ(camera.countFrames(0x20, 0xBA), 1u);
+    // well before the attempt's 500 ms are over. A link that looked only at
+    // the end would never answer sooner than that; a busy machine may be
+    // slow once, so the fastest of three requests counts.
+    long long fastest = LLONG_MAX;
+    size_t requests = 0;
+    for (; requests < 3 && fastest >= 450; ++requests) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(ptz_get_cam_current_temperature(), 33u);
+        fastest = std::min(fastest, avmtest::msSince(start));
+    }
+    EXPECT_LT(fastest, 450);
     EXPECT_EQ(log.countContaining("PTZ", "no ack"), 0u);
+    // Each request went out once.
+    EXPECT_EQ(camera.countFrames(0x20, 0xBA), requests);
 }
 
 TEST_F(PtzLink, LateTemperatureReplyLandsInTheSharedSlotAndTheNextQueryOverwritesIt)
