@@ -11,7 +11,7 @@ TEST_JOBS ?= 4
 # summed test time is about 1.3 times the plain suite's), so as many at once.
 TSAN_JOBS ?= 4
 
-.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke clean \
+.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
 	built-default built-asan built-tsan built-arm built-fuzz
 
 all: build
@@ -95,6 +95,17 @@ fuzz: fuzz-build
 # The short run of `make test`: each harness 20 s from its starters alone.
 fuzz-smoke: built-fuzz $(call after,test-arm)
 	scripts/run-fuzz build/fuzz 20 --fresh
+
+# What the fuzz corpora reach (clang; preset "coverage", build/coverage):
+# the harnesses' replay programs, built with clang's source-based coverage
+# and no sanitizers, run their corpus (the checked-in starters, kept
+# reproducers, and the working corpus `make fuzz` grew, when there is one);
+# prints, for every function tests/fuzz/reach.tsv lists, the share of its
+# lines reached, also in build/coverage/fuzz-coverage.md (docs/fuzzing.md).
+fuzz-coverage: deps
+	cmake --preset coverage
+	cmake --build --preset coverage
+	scripts/fuzz-coverage build/coverage
 
 # Performance figures (speed lives here, never in tests): the release
 # build, then one table of every figure next to the bound its timing

@@ -611,14 +611,32 @@ TEST_F(AudioHostile, NonNumericLevelsAreIgnored)
     EXPECT_EQ(spdifDbReply.load(), -31.0f);
 }
 
+// Binary bytes, a zero byte inside a reply, fields that are not numbers:
+// the receive thread goes on (each reply is followed by one that must be
+// read), and each handler reads the text up to the zero byte, or up to the
+// first field it cannot read, as it reads any reply.
 TEST_F(AudioHostile, UnterminatedAndBinaryChunksDoNotCrash)
 {
     std::string binary;
     for (int i = 0; i < 300; ++i)
         binary.push_back(static_cast<char>(i * 37));
+    // The level ends at the zero byte that follows "MV=": no number, which
+    // reads as 0 dB, a level the DSP can report.
+    mainDbReply = -40.0f;
     sendThenSync("MV=" + binary);
+    EXPECT_EQ(mainDbReply.load(), 0.0f);
+    // "1" and nothing after the zero byte: peripheral 1, state 0.
+    hotPlugState = 7;
     sendThenSync(std::string("PER_STAT=1\0, 1", 14));
+    EXPECT_TRUE(log.contains("DSP", "dsp_hotPlug_status_update per_id 1 hotplug_stat 0"));
+    EXPECT_EQ(hotPlugState.load(), 0);
+    // Band 2 whose type is no number: the fields not reached read as 0.
+    userEqInfoReplied[2] = 0;
+    userEqInfo[2].type = 9;
     sendThenSync("USER_EQ[2]=\xff\xfe,1,2");
+    EXPECT_EQ(userEqInfoReplied[2].load(), 1);
+    EXPECT_EQ(userEqInfo[2].type.load(), 0);
+    EXPECT_EQ(userEqInfo[2].freq.load(), 0);
 }
 
 TEST_F(AudioHostile, SeveralRepliesInOneChunkAreReadAsTheFirst)
