@@ -261,6 +261,12 @@ void usb_tool_resetForTest(void)
     closeDevice();
     gUsbTool = UsbTool{};
 }
+
+void usb_tool_setTargetForTest(uint32_t vid, uint32_t pid)
+{
+    std::lock_guard<std::mutex> lock(gUsbToolLock);
+    formatIds(gUsbTool.target, sizeof gUsbTool.target, vid, pid);
+}
 #endif
 
 } // extern "C"

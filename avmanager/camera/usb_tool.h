@@ -34,6 +34,10 @@ int usbtool_device_is_open(void);
 /* Only tests call this: closes the open device and forgets the target, as
  * at process start. */
 void usb_tool_resetForTest(void);
+/* Only tests call this: sets the ids the scan callbacks look for, as
+ * usbtool_device_init does, without scanning the attached devices, so a
+ * test can hand usbTool_device_added a device node of its own. */
+void usb_tool_setTargetForTest(uint32_t vid, uint32_t pid);
 #endif
 
 #ifdef __cplusplus

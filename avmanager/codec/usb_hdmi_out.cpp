@@ -502,4 +502,46 @@ int codecHal_usb_hdmiOut_data_process(int type, int TotalLen, int ThisLen, int p
     return 0;
 }
 
+#ifdef AVM_HOST_BUILD
+void usb_hdmiOut_setTargetForTest(int vendorId, int productId)
+{
+    snprintf(gUsbHdmiOutDev.target, sizeof gUsbHdmiOutDev.target, "%04x:%04x", static_cast<unsigned>(vendorId),
+             static_cast<unsigned>(productId));
+}
+
+UsbHdmiOutTestState usb_hdmiOut_stateForTest(void)
+{
+    ensureLocks();
+    UsbHdmiOutTestState state{};
+    state.inEndpoint = gUsbHdmiOutDev.inEndpoint.load();
+    state.outEndpoint = gUsbHdmiOutDev.outEndpoint.load();
+    state.connected = gUsbHdmiOutDev.connected.load();
+    pthread_rwlock_rdlock(&gUsbHdmiOutDev.handleLock);
+    state.deviceOpen = gUsbHdmiOutDev.device != nullptr;
+    pthread_rwlock_unlock(&gUsbHdmiOutDev.handleLock);
+    state.readerStarted = gUsbHdmiOutDev.readerStarted.load();
+    return state;
+}
+
+void usb_hdmiOut_resetForTest(void)
+{
+    ensureLocks();
+    // The reader first: it may be in a transfer on the converter.
+    gUsbHdmiOutDev.readThreadRunning.store(0);
+    if (gUsbHdmiOutDev.readerStarted.exchange(false))
+        pthread_join(gUsbHdmiOutDev.readThread, nullptr);
+    freeHostContext();
+    closeDevice(false);
+    gUsbHdmiOutDev.ctrlRequestType.store(0);
+    gUsbHdmiOutDev.ctrlRequest.store(0);
+    gUsbHdmiOutDev.inEndpoint.store(0);
+    gUsbHdmiOutDev.outEndpoint.store(0);
+    gUsbHdmiOutDev.connected.store(0);
+    gUsbHdmiOutDev.acknowledged.store(0);
+    memset(gUsbHdmiOutDev.target, 0, sizeof gUsbHdmiOutDev.target);
+    gHeartbeatStartUs.store(0);
+    gHeartbeatEndUs.store(0);
+}
+#endif
+
 } // extern "C"

@@ -96,6 +96,28 @@ int usbHdmiOut_discovery_done(void *clientData);
 /* The acknowledgement reader, started by init. */
 void *usb_hdmiOut_read_thread(void *arg);
 
+#ifdef AVM_HOST_BUILD
+/* What the link holds, for tests. */
+typedef struct UsbHdmiOutTestState {
+    uint32_t inEndpoint;  /* bulk IN address the scan kept (0 before any) */
+    uint32_t outEndpoint; /* bulk OUT address the scan kept (0 before any) */
+    int connected;        /* the connected flag */
+    int deviceOpen;       /* a converter is open */
+    int readerStarted;    /* an acknowledgement reader exists, not yet joined */
+} UsbHdmiOutTestState;
+/* Only tests call this: sets the ids the scan callback looks for, as
+ * codecHal_usb_hdmiOut_init does, without scanning the attached devices or
+ * starting the reader, so a test can hand usbHdmiOut_device_added a device
+ * node of its own. */
+void usb_hdmiOut_setTargetForTest(int vendorId, int productId);
+/* Only tests call this: a snapshot of what the scan left. */
+UsbHdmiOutTestState usb_hdmiOut_stateForTest(void);
+/* Only tests call this: stops and joins the reader, frees the host
+ * context, closes the converter and forgets the target, endpoints, flags
+ * and heartbeat clock, as at process start (the locks are kept). */
+void usb_hdmiOut_resetForTest(void);
+#endif
+
 #ifdef __cplusplus
 }
 #endif
