@@ -391,6 +391,13 @@ void detect_resetForTest(void)
     for (uint8_t &done : gDetect.auxTestDone)
         done = 1;
 }
+
+void detect_setMonitorStateForTest(int recordTest, int firstCheckDone, int retestPending)
+{
+    gDetect.recordTest.store(recordTest != 0 ? 1 : 0);
+    gDetect.firstCheckDone.store(firstCheckDone != 0 ? 1 : 0);
+    gDetect.retestPending.store(retestPending != 0 ? 1 : 0);
+}
 #endif
 
 } // extern "C"

@@ -33,6 +33,10 @@ void reset_mic_when_first_detect(void);
 /* Only tests call this: stops the detection thread and forgets every flag
  * and the last DSP version, as at process start. */
 void detect_resetForTest(void);
+/* Only tests call this: puts the monitoring of the first microphone test
+ * where a run of passes would have left it (record test seen, first result
+ * decided, repeated test pending), without cycling the microphone power. */
+void detect_setMonitorStateForTest(int recordTest, int firstCheckDone, int retestPending);
 #endif
 
 #ifdef __cplusplus

@@ -44,32 +44,6 @@ const char *referencePath(char *buf, size_t size)
     return avm_path(ALL_CONFIGS_REFERENCE_PATH, buf, size);
 }
 
-// Reads one chunk of the reference file and encodes it as upper-case hex.
-// The file is reopened for every chunk. Returns the number of characters,
-// or -1 on failure (logged).
-int read_local_file_transfer_to_hex_ascii(const char *path, uint32_t offset, uint32_t chunk,
-                                          char *hex, uint32_t hexSize)
-{
-    int fd = open(path, O_RDONLY);
-    if (fd < 1) {
-        // Descriptor 0 counts as a failed open too.
-        LOGE("open failed:%d\n", fd);
-        if (fd == 0)
-            close(fd);
-        return -1;
-    }
-    uint8_t bytes[ALL_CONFIGS_CHUNK_SIZE];
-    ssize_t got = -1;
-    if (lseek(fd, offset, SEEK_SET) >= 0)
-        got = read(fd, bytes, chunk);
-    close(fd);
-    if (got != static_cast<ssize_t>(chunk)) {
-        LOGE("read failed:%d\n", static_cast<int>(got));
-        return -1;
-    }
-    return data2hex(bytes, chunk, hex, hexSize);
-}
-
 // FWSTR: announces path, length and MD5 of the file to come.
 int start_send_file_to_dsp(const PrepareToSendFileInfo &info)
 {
@@ -133,6 +107,36 @@ int finish_send_file_to_dsp(const PrepareToSendFileInfo &info)
 } // namespace
 
 extern "C" {
+
+// The file is reopened for every chunk.
+int read_local_file_transfer_to_hex_ascii(const char *path, uint32_t offset, uint32_t chunk,
+                                          char *hex, uint32_t hexSize)
+{
+    // The upgrade never asks for more than one chunk; a longer read would
+    // not fit the buffer below, so it fails as a short read would.
+    if (chunk > ALL_CONFIGS_CHUNK_SIZE) {
+        LOGE("read failed:%d\n", -1);
+        return -1;
+    }
+    int fd = open(path, O_RDONLY);
+    if (fd < 1) {
+        // Descriptor 0 counts as a failed open too.
+        LOGE("open failed:%d\n", fd);
+        if (fd == 0)
+            close(fd);
+        return -1;
+    }
+    uint8_t bytes[ALL_CONFIGS_CHUNK_SIZE];
+    ssize_t got = -1;
+    if (lseek(fd, offset, SEEK_SET) >= 0)
+        got = read(fd, bytes, chunk);
+    close(fd);
+    if (got != static_cast<ssize_t>(chunk)) {
+        LOGE("read failed:%d\n", static_cast<int>(got));
+        return -1;
+    }
+    return data2hex(bytes, chunk, hex, hexSize);
+}
 
 int retrySendMsg(const char *request, int index)
 {

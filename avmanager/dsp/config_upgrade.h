@@ -5,6 +5,8 @@
 #ifndef AVM_CONFIG_UPGRADE_H
 #define AVM_CONFIG_UPGRADE_H
 
+#include <stdint.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -23,6 +25,15 @@ int readAllConfigs(void);
  * answer of entry `index` of gFileOpsInfoList: up to 3 writes, each followed
  * by up to 16 polls 50 ms apart. 1 if answered and accepted, else 0. */
 int retrySendMsg(const char *request, int index);
+/* One chunk of a transfer: reads `chunk` bytes (at most
+ * ALL_CONFIGS_CHUNK_SIZE) at `offset` of the file at `path`, opened afresh
+ * for this chunk, and writes them into hex as upper-case hexadecimal (two
+ * characters per byte, at most hexSize / 2 bytes, no terminator). Returns
+ * the number of characters, or -1 when the file cannot be opened, does
+ * not hold `chunk` bytes from `offset`, or `chunk` is longer than
+ * ALL_CONFIGS_CHUNK_SIZE (logged). */
+int read_local_file_transfer_to_hex_ascii(const char *path, uint32_t offset, uint32_t chunk,
+                                          char *hex, uint32_t hexSize);
 
 #ifdef __cplusplus
 }

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "dsp/config_upgrade.h"
 #include "dsp/file_transfer.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
@@ -452,6 +453,26 @@ TEST(FileXfer, ReadIsSelfContainedAndReadHexEncodes)
     EXPECT_STREQ(hex, "0001FEFF");
     EXPECT_EQ(h->fd, -1);
     file_xfer_free(h);
+}
+
+// The upgrade's chunk reader: one chunk of the reference file as
+// upper-case hex; a chunk the file does not hold whole, or one longer than
+// the upgrade's 240 bytes, is refused with the read failure line.
+TEST(UpgradeChunk, AChunkIsReadAsHexAndAChunkTooLongOrPastTheEndIsRefused)
+{
+    avmtest::TempDir dir;
+    const std::string path = dir.path() + "/AllConfigs.bin";
+    writeFile(path, std::string(300, '\x5a') + "\x01\x02");
+    char hex[2 * ALL_CONFIGS_CHUNK_SIZE + 2] = {};
+    EXPECT_EQ(read_local_file_transfer_to_hex_ascii(path.c_str(), 298, 4, hex, sizeof hex), 8);
+    EXPECT_EQ(std::string(hex, 8), "5A5A0102");
+    EXPECT_EQ(read_local_file_transfer_to_hex_ascii(path.c_str(), 0, ALL_CONFIGS_CHUNK_SIZE, hex, sizeof hex),
+              2 * ALL_CONFIGS_CHUNK_SIZE);
+    avmtest::LogCapture log;
+    EXPECT_EQ(read_local_file_transfer_to_hex_ascii(path.c_str(), 300, 4, hex, sizeof hex), -1);
+    EXPECT_EQ(log.count("DSP", "read failed:2\n"), 1u);
+    EXPECT_EQ(read_local_file_transfer_to_hex_ascii(path.c_str(), 0, ALL_CONFIGS_CHUNK_SIZE + 1, hex, sizeof hex), -1);
+    EXPECT_EQ(log.count("DSP", "read failed:-1\n"), 1u);
 }
 
 TEST(FileXfer, ReadOfMissingFileReturnsOpenFailure)
