@@ -1,6 +1,8 @@
-// Arbitrary chunks from the camera's serial line through the PTZ framing
-// machine and dispatch: whatever arrives, the receiver never crashes. The
-// input is cut into chunks of at most 64 bytes, as the reader delivers them.
+// Arbitrary chunks from the camera's serial line through what the PTZ
+// receive thread does with each read (read_data_from_cam: the framing
+// machine and the dispatch): whatever arrives, the receiver never crashes.
+// The input is cut into chunks of at most 64 bytes, as the reader
+// delivers them.
 //
 // Input: one byte that picks the chunk size, then the line's bytes.
 #include <cstddef>
@@ -58,7 +60,7 @@ std::vector<std::string> avmfuzz::starters()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0) {
-        ptz_rx_protocol_handle(data, 0);
+        read_data_from_cam(data, 0);
         return 0;
     }
     // The first byte picks the chunk size so splits vary with the input.
@@ -68,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const size_t n = size - off < chunk ? size - off : chunk;
         memcpy(bytes, data + off, n);
         breakDoaStatusQuestions(bytes, n);
-        ptz_rx_protocol_handle(bytes, static_cast<int>(n));
+        read_data_from_cam(bytes, static_cast<int>(n));
     }
     // Whole frames with a valid head and checksum reach every handler.
     if (size >= PTZ_PKT_SIZE) {
@@ -86,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         frame[4] = row.recvSub;
         frame[5] = static_cast<uint8_t>(frame[5] % (PTZ_PKT_MAX_LENGTH + 1));
         frame[63] = KSProtocalCalcCheckSum(frame, PTZ_PKT_SIZE - 1);
-        ptz_rx_protocol_handle(frame, PTZ_PKT_SIZE);
+        read_data_from_cam(frame, PTZ_PKT_SIZE);
     }
     return 0;
 }
