@@ -37,6 +37,10 @@ constexpr const char *kDspLink = "dsp";
 // While the main DSP link stops, its receive thread waits for the port;
 // a newline this often wakes it (above the port's 0.1 s inter-byte time).
 constexpr auto kNudgeEvery = std::chrono::milliseconds(150);
+// How long the console waits for the module to act on a microphone frame:
+// a format switch writes more than a thousand amplifier registers, and a
+// busy machine may take seconds for it.
+constexpr auto kModuleActs = std::chrono::milliseconds(30000);
 
 // The console's side of the Fig DSP: the model and the module's Fig link.
 // Used from the console's command thread only.
@@ -231,12 +235,18 @@ bool figCommands(FigConsole &fig, const Args &args)
     // What the Fig DSP raises; only heard while the Fig link runs.
     if ((sub == "micon" || sub == "micoff" || sub == "doa") && !fig.linkUp())
         consolePrint("(the Fig link is not running: fig start)");
-    if ((args.size() == 1 || args.size() == 2) && sub == "micon") {
-        model.micOn(idArg(args, '1'));
-        return true;
-    }
-    if ((args.size() == 1 || args.size() == 2) && sub == "micoff") {
-        model.micOff(idArg(args, '2'));
+    if ((args.size() == 1 || args.size() == 2) && (sub == "micon" || sub == "micoff")) {
+        const uint8_t id = idArg(args, sub == "micon" ? '1' : '2');
+        const size_t acks = model.countAcks(id);
+        if (sub == "micon")
+            model.micOn(id);
+        else
+            model.micOff(id);
+        // The module acknowledges a frame last, once it has acted on it (a
+        // format switch programs the amplifiers first), so the next command
+        // finds the switch done.
+        if (fig.linkUp() && !model.waitForAcks(id, acks + 1, kModuleActs))
+            consolePrint("(the module has not acknowledged the frame yet)");
         return true;
     }
     long value = 0;
