@@ -8,8 +8,7 @@
 //                   sound mode, volume, balance, treble and bass, speaker
 //                   placement, and the whole restore in its order
 //   getters         sound mode, placement, volume, balance, treble, bass
-//   audio-out       the audio-out route (rare: the query waits 20 ms for
-//                   the stand-in DSP's answer)
+//   audio-out       the audio-out route, answered by a stand-in DSP
 //   mic-status      the microphone test request, with the test busy or not
 //   mic-aux         the auxiliary microphone tests, each busy or not
 //   mic-version     the DSP version query
@@ -28,6 +27,8 @@
 // Nothing waits on hardware: DSP requests go into the request pipe made as
 // the link makes it (dsp_mkfifo_init), with no transmit thread, and the
 // harness reads them back; the Fig port is a pipe of the harness; the DSP
+// module's pauses (the balance steps, the looks at a reply flag) pass in no
+// time on the thread that runs the inputs (see usleep below); the DSP
 // port is closed, so the restore's configuration check fails at once. The
 // floor/wall switch is only ever set for the switches themselves, so the
 // placement never reaches the amplifiers. The microphone power cycle
@@ -44,14 +45,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -99,10 +102,20 @@ void check(bool ok, const char *what)
         fail(what);
 }
 
+// The thread that runs the inputs, known from the first input on (before
+// the module starts any thread of its own).
+pthread_t gInputThread;
+std::atomic<bool> gInputThreadKnown{false};
+// What a stand-in peripheral does while the module pauses on the input
+// thread; set and called on that thread only.
+std::function<void()> gDuringPause;
+
 void prepare()
 {
     if (!gPropertyDir.empty())
         return;
+    gInputThread = pthread_self();
+    gInputThreadKnown.store(true, std::memory_order_release);
     const std::string root = avmtest::processRoot();
     mkdir((root + "/tmp").c_str(), 0755);
     const char *dir = getenv("AVMANAGER_PROPERTY_DIR");
@@ -451,24 +464,20 @@ void audioOut(uint8_t, const Values &v)
 {
     setAll(&kAudioOutMode, 1, v);
     const std::string answer = v.has(1) ? v.raw(1) : v.raw(0);
-    std::atomic<bool> stop{false};
     Posted seen;
-    std::thread dsp([&] {
-        while (!stop.load()) {
-            DspRequest request;
-            if (dsp_mkfifo_read(&request) > 0) {
-                request.text[DSP_REQUEST_TEXT_SIZE - 1] = '\0';
-                seen.push_back({request.cmd, request.text});
-                if (strcmp(request.text, "AOM=?") == 0)
-                    dsp_parse_audio_out_mode(answer.c_str());
-            } else {
-                usleep(100);
-            }
+    // The stand-in DSP answers the route query during the module's first
+    // pause between looks at the reply flag, as a DSP does within 20 ms.
+    gDuringPause = [&] {
+        DspRequest request;
+        while (dsp_mkfifo_read(&request) > 0) {
+            request.text[DSP_REQUEST_TEXT_SIZE - 1] = '\0';
+            seen.push_back({request.cmd, request.text});
+            if (strcmp(request.text, "AOM=?") == 0)
+                dsp_parse_audio_out_mode(answer.c_str());
         }
-    });
+    };
     const int route = dspHal_get_audioMode();
-    stop.store(true);
-    dsp.join();
+    gDuringPause = nullptr;
     check(seen == Posted{{DSP_CMD_FREE_TEXT, "AOM=?"}}, "the route query posted something else");
     static const char *const kRoutes[] = {"SPEAKER", "LINEOUT", "EARPHONE", "WIREMIC"};
     const std::string value = answer.empty() ? std::string("SPEAKER") : answer;
@@ -691,8 +700,8 @@ struct Group {
     int weight; // share of the 256 selector values
 };
 
-// The balance steps pause 3 ms and the route query waits 20 ms for its
-// answer: those groups get few selector values, so a replay stays short.
+// Each group's share of the selector values. The selector byte of every
+// kept input depends on them, so they stay as they are.
 constexpr Group kGroups[] = {
     {"switches", switches, 18},           {"restore sound mode", restoreSoundMode, 18},
     {"restore volume", restoreVolume, 16}, {"restore balance", restoreBalance, 4},
@@ -780,6 +789,26 @@ std::vector<std::string> avmfuzz::starters()
             input("ptz-debug", 0, {"2"}),
             input("ptz-dejitter", 1, {"true"}),
             input("ptz-model", 0, {"", "XLM-PR417 conference bar with a model name longer than 56 chars"})};
+}
+
+// The harness's clock: on the thread that runs the inputs a pause of the
+// module passes at once, after the stand-in peripheral of the group under
+// test (if any) has done what it does meanwhile. The module's pauses only
+// give a peripheral time to act, and here none acts on its own, so an
+// input runs in microseconds instead of up to 20 ms. Other threads sleep
+// for real.
+extern "C" int usleep(useconds_t microseconds)
+{
+    if (gInputThreadKnown.load(std::memory_order_acquire) && pthread_equal(pthread_self(), gInputThread) != 0) {
+        if (gDuringPause)
+            gDuringPause();
+        return 0;
+    }
+    struct timespec left = {static_cast<time_t>(microseconds / 1000000),
+                            static_cast<long>(microseconds % 1000000) * 1000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
