@@ -6,12 +6,19 @@
 // property store has no "service.bootvideo.exit", so a microphone report
 // never reaches the amplifiers.
 //
-// Input: one byte that picks how often the line goes quiet, then the
-// line's bytes.
+// Each input starts from the link as at start-up. The debug log, whose
+// lines read more of each frame (a DOA report's time stamp), is on for
+// inputs whose first byte has its top bit set.
+//
+// Input: one byte that picks how often the line goes quiet (low six bits)
+// and the debug log (top bit), then the line's bytes.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <cutils/properties.h>
 #include <vector>
 
 #include "fig/dsp_fig.h"
@@ -39,7 +46,7 @@ std::string asStarter(uint8_t quiet, const std::vector<sim::FigBytes> &frames)
 } // namespace
 
 // What the Fig DSP sends, as the board's Fig model builds it: microphone
-// notifications, answers, a DOA report, a frame with a broken CRC before a
+// notifications, answers, a DOA report (with the debug log off and on), a frame with a broken CRC before a
 // good one, and noise around a frame.
 std::vector<std::string> avmfuzz::starters()
 {
@@ -53,6 +60,7 @@ std::vector<std::string> avmfuzz::starters()
                           figFrame(DSP_FIG_TYPE_REPLY, sim::FigBytes{'7', 1})}),
             asStarter(calm, {figFrame(DSP_FIG_TYPE_REPLY, "3FIG-1.2.7")}),
             asStarter(calm, {figFrame(DSP_FIG_TYPE_DOA, sim::figDoaPayload(42.5f, 123456789, {1, 2, 3, 4, 5}))}),
+            asStarter(calm | 0x80, {figFrame(DSP_FIG_TYPE_DOA, sim::figDoaPayload(-17.0f, 987654321, {5, 4, 3, 2, 1}))}),
             asStarter(calm, {badCrc, figFrame(DSP_FIG_TYPE_COMMAND, "1MIC_ON990")}),
             asStarter(2, {sim::FigBytes{0x00, 0x7F, 0x0A}, figFrame(DSP_FIG_TYPE_COMMAND, "2MIC_OFF99"),
                        sim::FigBytes{0x41, 0x42}})};
@@ -60,6 +68,13 @@ std::vector<std::string> avmfuzz::starters()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    static const bool debugLogStored = property_set("persist.sys.dsp_fig_enlog", "1") == 0;
+    if (!debugLogStored)
+        abort();
+    dspFig_resetForTest();
+    if (size > 0 && (data[0] & 0x80) != 0)
+        setDspFigDebugLog();
+
     DspFigRxBuffer rx;
     memset(&rx, 0, sizeof rx);
     if (size == 0) {
