@@ -150,7 +150,10 @@ TEST_F(MicSelfTestBoard, AFactoryMicrophoneTestGoesTestingThenGivesOneDigitPerMi
     EXPECT_GE(sent("MIC_TEST=?"), 1u);
     EXPECT_GE(sent("MIC_TEST_RET=?"), 2u);
     EXPECT_LT(avmtest::indexOf(dsp.commands(), "MIC_TEST=?"), avmtest::indexOf(dsp.commands(), "MIC_TEST_RET=?"));
-    EXPECT_TRUE(log.contains("DETECT_HAL", "dsp_mic_status_update enter status 4,5 \n"));
+    // A receive thread held off on a busy machine reads the final answer
+    // together with whatever followed it as one reply, so the text logged
+    // starts with the status rather than being it.
+    EXPECT_GE(log.countContaining("DETECT_HAL", "dsp_mic_status_update enter status 4,5"), 1u);
     // Nothing more is asked once the answer is in.
     const size_t queries = settled([&] { return sentWithPrefix("MIC_TEST"); });
     std::this_thread::sleep_for(1s);
