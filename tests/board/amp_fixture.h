@@ -13,24 +13,16 @@
 #include "amp/amp_program.h"
 #include "amp/amp_tuning.h"
 #include "log_capture.h"
+#include "process_env.h"
 #include "sim/amp_model.h"
 #include "sim/board.h"
 
 namespace amptest {
 
-// The repository root, from this header's own path.
-inline std::string repoRoot()
-{
-    std::string here = __FILE__;
-    for (int i = 0; i < 3; ++i)
-        here = here.substr(0, here.find_last_of('/'));
-    return here;
-}
-
 // Runs the one generator of made-up tuning files into the board root.
 inline void generateTuningFiles(const sim::Board &board, const std::string &extra = "")
 {
-    const std::string cmd = "python3 '" + repoRoot() + "/scripts/gen-tuning-files' '" + board.root() + "' " + extra;
+    const std::string cmd = "python3 '" + avmtest::sourceDir() + "/scripts/gen-tuning-files' '" + board.root() + "' " + extra;
     ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
 }
 

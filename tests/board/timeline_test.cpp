@@ -24,14 +24,6 @@ namespace {
 using json = nlohmann::json;
 using namespace std::chrono_literals;
 
-std::string repoRoot()
-{
-    std::string here = __FILE__;
-    for (int i = 0; i < 3; ++i)
-        here = here.substr(0, here.find_last_of('/'));
-    return here;
-}
-
 std::string dirOf(const std::string &path) { return path.substr(0, path.find_last_of('/')); }
 
 json readJson(const std::string &path)
@@ -95,7 +87,7 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     const char *path = getenv("PATH");
     const char *tmp = getenv("TMPDIR");
     const auto child = avmtest::runChild(
-        {repoRoot() + "/tests/board-wrapper", out + "/avconsole", "--script", repoRoot() + "/tests/console/timeline.script",
+        {avmtest::sourceDir() + "/tests/board-wrapper", out + "/avconsole", "--script", avmtest::sourceDir() + "/tests/console/timeline.script",
          "--timeline", file},
         {"PATH=" + std::string(path ? path : "/usr/bin:/bin"), "AVMANAGER_HAL_PATH=" + out,
          "TMPDIR=" + std::string(tmp ? tmp : "/tmp")});

@@ -14,19 +14,12 @@
 
 #include "log_capture.h"
 #include "module_state.h"
+#include "process_env.h"
 
 namespace {
 
 constexpr const char *kParam = "/mnt/vendor/param/audio/";
 constexpr const char *kFactory = "/mnt/vendor/odm_ext/etc/tvconfig/audio/audio_floor_wall/XLM-PR417_";
-
-std::string repoRoot()
-{
-    std::string here = __FILE__;
-    for (int i = 0; i < 3; ++i)
-        here = here.substr(0, here.find_last_of('/'));
-    return here;
-}
 
 class AmpTuning : public avmtest::FreshModule {
 protected:
@@ -41,7 +34,7 @@ protected:
 
     void generate(const std::string &extra = "")
     {
-        const std::string cmd = "python3 '" + repoRoot() + "/scripts/gen-tuning-files' '" + root.path() + "' " + extra;
+        const std::string cmd = "python3 '" + avmtest::sourceDir() + "/scripts/gen-tuning-files' '" + root.path() + "' " + extra;
         ASSERT_EQ(std::system(cmd.c_str()), 0);
     }
 
