@@ -13,7 +13,7 @@
 #include "amp/amp_program.h"
 #include "amp/amp_tuning.h"
 #include "log_capture.h"
-#include "test_helpers.h"
+#include "process_env.h"
 #include "sim/amp_model.h"
 #include "sim/board.h"
 

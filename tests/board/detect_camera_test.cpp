@@ -451,16 +451,18 @@ std::vector<HostileLayout> hostileLayouts()
         {"a length running far past the end", concat({iface, in, {0xff, USB_DT_ENDPOINT, 0x02, 0x02}}),
          "endpoints not found!"},
         {"a zero length after everything is known", concat({iface, in, out, {0x00, 0x00}}), nullptr},
+        {"an endpoint shorter than an endpoint record before the endpoints",
+         concat({iface, {0x04, USB_DT_ENDPOINT, 0x85, 0x02}, in, out}), nullptr},
     };
 }
 
 } // namespace
 
 // Broken descriptor sets from a device with the camera's ids: zero and
-// one-byte lengths, lengths past the end, truncated records, no interface.
-// The scan never hangs or reads outside the bytes (the sanitizer builds
-// check the latter); it says what it missed and claims nothing, or takes
-// what it found whole before the break.
+// one-byte lengths, lengths past the end, truncated records, a record too
+// short for its type, no interface. The scan never hangs or reads outside
+// the bytes (the sanitizer builds check the latter); it says what it missed
+// and claims nothing, or takes the whole records it found before the break.
 TEST_F(CamDetectBoard, TheUsbToolSurvivesBrokenDescriptorsAndSaysWhatItMissed)
 {
     for (const auto &layout : hostileLayouts()) {

@@ -258,4 +258,9 @@ std::string selfPath()
     return n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
 }
 
+std::string sourceDir()
+{
+    return AVM_SOURCE_DIR;
+}
+
 } // namespace avmtest

@@ -89,4 +89,10 @@ std::string shellCommandFor(const std::string &program);
 // test program).
 std::string selfPath();
 
+// The repository's top directory, where the scripts and console scripts a
+// test runs live. Fixed when the tests are configured: a path taken from
+// __FILE__ is whatever the compiler was given, which a compiler cache may
+// have made relative to the build directory.
+std::string sourceDir();
+
 } // namespace avmtest

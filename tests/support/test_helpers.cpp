@@ -26,8 +26,6 @@ std::string prop(const char *key)
     return value;
 }
 
-std::string sourceDir() { return AVM_SOURCE_DIR; }
-
 long long msSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();

@@ -1,6 +1,6 @@
 /*
  * Small helpers the unit and board tests share and that need no board:
- * property reads, the repository's directory, elapsed time, a recorder for status callbacks and a
+ * property reads, elapsed time, a recorder for status callbacks and a
  * harmless descriptor 0.
  */
 #pragma once
@@ -20,11 +20,6 @@ bool sinkDescriptorZero(int flags = O_WRONLY);
 
 // A property's value, "" when unset.
 std::string prop(const char *key);
-
-// The repository's top directory (scripts, tests/console, ...), as the
-// build configured it: a test never derives it from __FILE__, which a
-// compiler cache or a prefix map may make relative.
-std::string sourceDir();
 
 // Milliseconds from `start` to now on the steady clock.
 long long msSince(std::chrono::steady_clock::time_point start);

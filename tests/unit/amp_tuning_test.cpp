@@ -13,8 +13,8 @@
 #include <android/log.h>
 
 #include "log_capture.h"
-#include "test_helpers.h"
 #include "module_state.h"
+#include "process_env.h"
 
 namespace {
 

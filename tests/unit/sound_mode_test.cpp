@@ -90,10 +90,11 @@ TEST_F(SoundModeUnit, GetSoundModeReadsThePropertyIntoTheCurrentMode)
 TEST_F(SoundModeUnit, SetSoundMode5AndMinus1SendNothingAndLeaveThePropertyAsItWas)
 {
     props.set("persist.zel.dsp.soundMode", "2");
+    g_soundMode = 2;
     EXPECT_EQ(dspHal_set_soundMode(5), 0);
     EXPECT_EQ(dspHal_set_soundMode(-1), 0);
     EXPECT_EQ(props.get("persist.zel.dsp.soundMode"), "2");
-    EXPECT_EQ(g_soundMode.load(), 0);
+    EXPECT_EQ(g_soundMode.load(), 2);
     EXPECT_TRUE(log.lines().empty());
 }
 
