@@ -95,6 +95,8 @@ struct PtzCameraModel::Impl {
     bool length57 = false;
     bool split = false;
     std::chrono::milliseconds replyDelay{0};
+    bool holding = false;                       // replies wait in `held` until released
+    std::vector<std::vector<uint8_t>> held;     // held replies, in the order they were made
 
     std::thread writer; // drains outQueue at the due times
 
@@ -110,6 +112,10 @@ struct PtzCameraModel::Impl {
         frame[63] = PtzCameraModel::checksum(frame.data(), kFrameSize - 1);
         if (badChecksum)
             frame[63] = static_cast<uint8_t>(frame[63] + 1);
+        if (holding) {
+            held.emplace_back(frame.begin(), frame.end());
+            return;
+        }
         const auto due = Clock::now() + delay;
         if (split) {
             outQueue.emplace(due, std::vector<uint8_t>(frame.begin(), frame.begin() + kSplitAt));
@@ -342,6 +348,23 @@ void PtzCameraModel::setUnplugged(bool unplugged)
         impl_->outQueue.clear();
         impl_->rxBuffer.clear();
     }
+}
+
+void PtzCameraModel::holdReplies()
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->holding = true;
+}
+
+void PtzCameraModel::releaseHeldReplies()
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->holding = false;
+    const auto now = Clock::now();
+    for (auto &frame : impl_->held)
+        impl_->outQueue.emplace(now, std::move(frame)); // equal keys keep their order
+    impl_->held.clear();
+    impl_->wake.notify_all();
 }
 
 #define PTZ_MODEL_SETTER(name, type, field)                                                                 \

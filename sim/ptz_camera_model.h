@@ -108,6 +108,10 @@ public:
     void setLength57(bool on);               // outgoing length byte 57
     void setSplitFrames(bool split);         // each frame in two writes 150 ms apart
     void setReplyDelay(std::chrono::milliseconds delay);
+    // Replies are kept back until released, then sent in order: a reply
+    // "too late" for a request however slowly the machine runs it.
+    void holdReplies();
+    void releaseHeldReplies();
     void setLineRate(unsigned baud);
 
     SerialLine &line();

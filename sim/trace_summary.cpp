@@ -50,6 +50,39 @@ std::string dspFileChunks(const std::string &text)
     return out;
 }
 
+namespace {
+
+// Bytes [at, at + n) shown whole, or as their first and last bytes when
+// that is shorter. Cuts the bytes, not their rendering, so no escape is
+// cut in two.
+std::string shortenBytes(const uint8_t *at, size_t n)
+{
+    if (n <= kTraceHeadBytes + kTraceTailBytes)
+        return renderBytes(at, n);
+    return renderBytes(at, kTraceHeadBytes) + kEllipsis + renderBytes(at + n - kTraceTailBytes, kTraceTailBytes);
+}
+
+// A DSP command read: each zero-terminated command on its own, so a short
+// command the DSP read together with a file chunk stays readable.
+std::string shortenCommands(const std::vector<uint8_t> &bytes)
+{
+    std::string out;
+    size_t at = 0;
+    while (at < bytes.size()) {
+        size_t end = at;
+        while (end < bytes.size() && bytes[end] != 0)
+            ++end;
+        if (end < bytes.size())
+            ++end; // the command's own zero byte
+        const std::string whole = renderBytes(bytes.data() + at, end - at);
+        out += whole.size() <= kTraceShownWhole ? whole : shortenBytes(bytes.data() + at, end - at);
+        at = end;
+    }
+    return out;
+}
+
+} // namespace
+
 std::string traceSummary(const TraceEvent &event)
 {
     const std::string rendered = renderBytes(event.bytes.data(), event.bytes.size());
@@ -59,21 +92,19 @@ std::string traceSummary(const TraceEvent &event)
     if (note.size() <= kTraceShownWhole ||
         (ofBytes && event.bytes.size() <= kTraceHeadBytes + kTraceTailBytes))
         return note;
-    std::string head, tail;
+    const bool dspCommands = event.link == "dsp" && event.toDevice;
+    std::string shown;
     size_t length = 0;
     if (ofBytes) {
-        // Cut the bytes, not their rendering, so no escape is cut in two.
         length = event.bytes.size();
-        head = renderBytes(event.bytes.data(), kTraceHeadBytes);
-        tail = renderBytes(event.bytes.data() + length - kTraceTailBytes, kTraceTailBytes);
+        shown = dspCommands ? shortenCommands(event.bytes) : shortenBytes(event.bytes.data(), length);
     } else {
         // A model's own decoding: cut its text.
         length = note.size();
-        head = note.substr(0, kTraceHeadBytes);
-        tail = note.substr(note.size() - kTraceTailBytes);
+        shown = note.substr(0, kTraceHeadBytes) + kEllipsis + note.substr(note.size() - kTraceTailBytes);
     }
-    std::string out = head + kEllipsis + tail + " [" + std::to_string(length) + (ofBytes ? " bytes" : " characters");
-    if (event.link == "dsp" && event.toDevice) {
+    std::string out = shown + " [" + std::to_string(length) + (ofBytes ? " bytes" : " characters");
+    if (dspCommands) {
         const std::string chunks = dspFileChunks(std::string(event.bytes.begin(), event.bytes.end()));
         if (!chunks.empty())
             out += "; " + chunks;

@@ -24,7 +24,9 @@ inline constexpr size_t kTraceTailBytes = 12;
 
 // The event's text as the live trace shows it: its note (or its bytes,
 // rendered) when that is at most kTraceShownWhole characters; otherwise
-// "<first bytes>…<last bytes> [<n> bytes<; decoding>]".
+// "<first bytes>…<last bytes> [<n> bytes<; decoding>]". A read of DSP
+// commands is cut command by command: a short command read together with
+// a file chunk is shown whole beside the chunk's ends.
 std::string traceSummary(const TraceEvent &event);
 
 // What a DSP command chunk carries, when it holds file-transfer chunks:

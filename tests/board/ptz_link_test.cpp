@@ -136,15 +136,16 @@ TEST_F(PtzLink, ReplyArrivingDuringTheSleepIsSeenAtTheNextPoll)
 TEST_F(PtzLink, LateTemperatureReplyLandsInTheSharedSlotAndTheNextQueryOverwritesIt)
 {
     camera.setCurrentTemperature(61);
-    camera.setReplyDelay(1700ms);
+    camera.holdReplies();
     EXPECT_EQ(ptz_get_cam_current_temperature(), 0xFFFFFFFFu);
-    // The three late replies still arrive and are decoded into the slot
-    // that the maximum-temperature query shares.
+    EXPECT_EQ(camera.countFrames(0x20, 0xBA), 3u);
+    // The three replies come after the request gave up; they are still
+    // decoded into the slot that the maximum-temperature query shares.
+    camera.releaseHeldReplies();
     ASSERT_TRUE(sim::waitUntil(
         [&] { return log.countContaining("PTZ", "ptz_parse_packet, main:0x20, sub:0xbb") >= 3; }, kWire));
     // One more round trip through the receiver: once it is answered, the
     // last late reply's handler has run (frames are handled in order).
-    camera.setReplyDelay(0ms);
     camera.setSupportBlackScreen(1);
     ASSERT_EQ(ptz_get_cam_support_black_screen(), 1);
     uint32_t slot = 0;
@@ -157,15 +158,15 @@ TEST_F(PtzLink, LateTemperatureReplyLandsInTheSharedSlotAndTheNextQueryOverwrite
 TEST_F(PtzLink, ReplyAfterTheThirdAttemptIsTooLateButStillFillsTheSlot)
 {
     camera.setAutotestBytes({1, 1});
-    camera.setReplyDelay(1700ms);
+    camera.holdReplies();
     const auto start = Clock::now();
     EXPECT_EQ(ptz_tx_protocol_handle(PtzMsg{PTZ_CMD_GET_AUTOTEST_RESULT, 0}), -1);
     EXPECT_GE(msSince(start), 1400);
+    camera.releaseHeldReplies();
     ASSERT_TRUE(waitAck(PTZ_CMD_GET_AUTOTEST_RESULT));
     ASSERT_TRUE(sim::waitUntil(
         [&] { return log.countContaining("PTZ", "ptz_parse_packet, main:0x21, sub:0x9") >= 3; }, kWire));
     // A round trip through the receiver orders the last late handler before the read.
-    camera.setReplyDelay(0ms);
     ASSERT_EQ(ptz_cam_set_auto_black_screen(1), 1);
     int32_t slot = 0;
     memcpy(&slot, gPtzAutotestResponse.result, sizeof slot);

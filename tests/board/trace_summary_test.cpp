@@ -58,6 +58,18 @@ TEST(TraceSummary, OneReadHoldingTwoChunksNamesBoth)
     EXPECT_EQ(sim::dspFileChunks(text), "chunks 0,240 240,240");
 }
 
+TEST(TraceSummary, ShortCommandsReadTogetherWithAChunkStayWhole)
+{
+    // On a busy machine the DSP reads a setter and a query in one go with
+    // the file chunk before them: both stay readable, the chunk is cut.
+    const std::string text = chunkCommand(960, 240) + "MV=-11.10" + '\0' + "MT=?" + '\0';
+    const std::string shown = sim::traceSummary(dspCommand(text));
+    const std::string chunk = chunkCommand(960, 240);
+    const std::string chunkShown = sim::renderBytes(reinterpret_cast<const uint8_t *>(chunk.data()), sim::kTraceHeadBytes) +
+                                   "\xe2\x80\xa6" + std::string(sim::kTraceTailBytes - 1, 'A') + "\\0";
+    EXPECT_EQ(shown, chunkShown + "MV=-11.10\\0MT=?\\0 [" + std::to_string(text.size()) + " bytes; chunk 960,240]");
+}
+
 TEST(TraceSummary, TheDspsLongAnswersAndOtherLinksGetNoChunkName)
 {
     const std::string text = chunkCommand(0, 240);

@@ -143,6 +143,16 @@ bool dspFileCommands(sim::DspFileStore &files, const Args &args)
         files.reboot();
         return true;
     }
+    long ms = 0;
+    if (args.size() == 2 && args[0] == "wait" && parseInt(args[1], &ms) && ms > 0) {
+        // Until the DSP holds its configuration copy (an upgrade ended with
+        // FWEND), so a script waits for the upgrade rather than for a time
+        // that a busy machine may overrun.
+        const bool held = sim::waitUntil([&files] { return files.file(sim::kDspConfigPath).has_value(); },
+                                         std::chrono::milliseconds(ms));
+        consolePrint(held ? "configuration copy held" : "no configuration copy after " + args[1] + " ms");
+        return true;
+    }
     if (args.size() == 1 && args[0] == "log") {
         for (const auto &command : files.fileCommands())
             consolePrint("  " + command);
@@ -410,7 +420,7 @@ void buildModels(sim::Board &board, ModelSet &models)
                              "audio version <text> | doa <angle> | state");
     auto &files = models.add("dspfs", std::make_unique<sim::DspFileStore>(dsp),
                              ModelSet::Commands<sim::DspFileStore>(dspFileCommands),
-                             "dspfs reboot | forget | files | log | fault reject <offset> | fault repeat|silent on|off");
+                             "dspfs reboot | forget | wait <ms> | files | log | fault reject <offset> | fault repeat|silent on|off");
     // A DSP restart forgets every audio setting; the module restores them.
     files.addRebootHook([&audio] { audio.forgetSettings(); });
     sim::installConfigBundle(board);
