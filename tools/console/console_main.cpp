@@ -194,13 +194,8 @@ void timelineOff()
 void help(const ModelSet &models)
 {
     consolePrint("module operations (name without \"avmanager_\"):");
-    const auto &ops = operations();
-    for (size_t slot = 0; slot < ops.size(); ++slot) {
-        std::string line = "  " + std::to_string(slot) + "\t" + ops[slot].name;
-        if (ops[slot].note[0])
-            line += std::string(" ") + ops[slot].note;
-        consolePrint(line);
-    }
+    for (const auto &op : avmops::operations())
+        consolePrint("  " + std::to_string(op.slot) + "\t" + avmops::usage(op));
     consolePrint("models:");
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
@@ -249,11 +244,7 @@ Outcome run(sim::Board &board, const avmanager_module_t *hal, const ModelSet &mo
         if (!models.command(cmd, rest))
             consolePrint("unknown " + cmd + " command (try help)");
     } else if (!callOperation(hal, cmd, rest)) {
-        bool known = false;
-        for (const auto &op : operations())
-            known = known || cmd == op.name;
-        if (!known)
-            consolePrint("unknown command: " + cmd + " (try help)");
+        consolePrint("unknown command: " + cmd + " (try help)");
     }
     return Outcome::Continue;
 }
@@ -385,7 +376,7 @@ int main(int argc, char **argv)
             consolePrint("type help for the commands, quit to leave (tab completes)");
             std::vector<std::string> words = {"help", "trace", "logs", "timeline", "props", "getprop",
                                               "setprop", "sleep", "quit"};
-            for (const auto &op : operations())
+            for (const auto &op : avmops::operations())
                 words.push_back(op.name);
             setCompletions(words, models.helpLines(),
                            {{"trace", {"on", "full", "off"}}, {"logs", {"on", "off"}}, {"timeline", {"on", "off"}}});
