@@ -51,6 +51,10 @@ avmops::Callbacks eventCallbacks();
 // while watching. On the device every line still goes to logd. Call before
 // any thread starts.
 void followModuleLog(bool printLogs);
+// When the module last did something on its links (steady clock): a
+// line logged by the DSP or PTZ link, or noteLinkActivity().
+std::chrono::steady_clock::time_point lastLinkActivity();
+void noteLinkActivity();
 // Starts the signal thread; call first in main, before any other thread.
 void startSignalThread();
 // Prints the callbacks and directions of arrival until a signal comes or
@@ -59,9 +63,10 @@ bool watch(const avmanager_module_t *hal, std::chrono::seconds duration);
 
 // ------------------------------------------------------------ settling (avmctl_settle.cpp)
 
-// Waits until the DSP link has taken every queued request and the link
-// threads have had time to write the last one, so that leaving loses
-// nothing the operations posted.
-void waitForQueuedRequests();
+// Waits until the module's links have settled, so that leaving loses
+// nothing the operations queued and cuts no work the module started on its
+// own (a DSP's version answer starts a parameter restore, and a
+// configuration upgrade when the DSP's copy differs).
+void waitForLinksToSettle();
 
 } // namespace avmctl

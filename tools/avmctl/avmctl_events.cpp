@@ -32,9 +32,17 @@ namespace {
 // direction-of-arrival report starts with the key below and the angle.
 constexpr const char *kDspLogTag = "DSP";
 constexpr const char *kDoaReportKey = "MIC_DOA=";
+// The PTZ link's tag: with the DSP's, what the module does on its serial
+// lines on its own threads is logged under these two.
+constexpr const char *kPtzLogTag = "PTZ";
+// Lines of the DSP link that come back for ever while nothing happens: the
+// detection thread's version query, asked every 300 ms of a DSP that does
+// not answer it, and the receive thread's wait running out.
+constexpr const char *kIdleDspLines[] = {": VER_FULL=?", "dspHal select timeout."};
 
 std::atomic<bool> gPrintLogs{false};
 std::atomic<bool> gFollowDoa{false};
+std::atomic<std::chrono::steady_clock::rep> gLastActivity{0};
 
 struct WatchState {
     std::mutex mutex; // guards both flags
@@ -68,10 +76,22 @@ bool leadingAngle(const char *text, long long *angle)
     return true;
 }
 
+bool isLinkActivity(const char *tag, const char *message)
+{
+    if (!tag || !message || (std::strcmp(tag, kDspLogTag) != 0 && std::strcmp(tag, kPtzLogTag) != 0))
+        return false;
+    for (const char *idle : kIdleDspLines)
+        if (std::strstr(message, idle))
+            return false;
+    return true;
+}
+
 void followLine(int priority, const char *tag, const char *message)
 {
     if (gPrintLogs.load(std::memory_order_relaxed))
         printLogLine(priority, tag, message);
+    if (isLinkActivity(tag, message))
+        noteLinkActivity();
     if (!gFollowDoa.load(std::memory_order_relaxed) || !tag || !message || std::strcmp(tag, kDspLogTag) != 0 ||
         std::strncmp(message, kDoaReportKey, std::strlen(kDoaReportKey)) != 0)
         return;
@@ -123,6 +143,17 @@ void takeSignals(sigset_t set)
 }
 
 } // namespace
+
+std::chrono::steady_clock::time_point lastLinkActivity()
+{
+    return std::chrono::steady_clock::time_point(
+        std::chrono::steady_clock::duration(gLastActivity.load(std::memory_order_acquire)));
+}
+
+void noteLinkActivity()
+{
+    gLastActivity.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_release);
+}
 
 avmops::Callbacks eventCallbacks()
 {

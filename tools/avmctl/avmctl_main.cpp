@@ -287,7 +287,7 @@ int main(int argc, char **argv)
         if (result < 0) {
             printMessage("start-up failed (hal_init returned " + std::to_string(result) +
                        "); --logs shows the module's reasons");
-            waitForQueuedRequests();
+            waitForLinksToSettle();
             std::fflush(stdout);
             _exit(kExitModule);
         }
@@ -310,7 +310,7 @@ int main(int argc, char **argv)
         linksUp = linksUp || command.op->slot == 0;
     }
     if (linksUp)
-        waitForQueuedRequests();
+        waitForLinksToSettle();
     // The module's threads run on; leave without static destructors.
     std::fflush(stdout);
     std::fflush(stderr);
