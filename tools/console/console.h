@@ -118,4 +118,13 @@ bool callOperation(const avmanager_module_t *hal, const std::string &name, const
 using avmops::parseInt;
 using avmops::unescape;
 
+// ------------------------------------------------------------ avmctl
+
+// With --no-module the console loads no module and avmctl drives the board
+// (console_avmctl.cpp). The environment and path that run avmctl on this
+// board from another shell:
+std::string avmctlCommandLine();
+// Runs avmctl on this board with args, its output printed as it comes.
+void runAvmctl(const Args &args);
+
 } // namespace console
