@@ -90,6 +90,9 @@ TEST(AvmctlCli, ARefusedCommandLineSaysWhyOnOneLineAndExitsWithTwo)
     run = avmctl({"--script", "x", "get_volume", "2"});
     EXPECT_EQ(run.exitCode, 2) << describe(run);
     EXPECT_EQ(run.errors, "avmctl: --script and a command cannot be given together\n");
+    run = avmctl({"--script"});
+    EXPECT_EQ(run.exitCode, 2) << describe(run);
+    EXPECT_EQ(run.errors, "avmctl: --script needs a file (- reads standard input)\n");
     run = avmctl({"sleep"});
     EXPECT_EQ(run.exitCode, 2) << describe(run);
     EXPECT_EQ(run.errors, "avmctl: sleep: missing <ms> (usage: sleep <ms>)\n");

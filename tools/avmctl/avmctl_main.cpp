@@ -197,7 +197,11 @@ int parseOptions(int argc, char **argv, Options *options, std::vector<std::strin
             options->init = false;
         } else if (arg == "--logs") {
             options->logs = true;
-        } else if (arg == "--script" && i + 1 < argc) {
+        } else if (arg == "--script") {
+            if (i + 1 == argc) {
+                printMessage("--script needs a file (- reads standard input)");
+                return kExitUsage;
+            }
             options->script = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
             printHelp();
