@@ -293,17 +293,30 @@ TEST_F(Avmctl, WatchPrintsADirectionOfArrivalAndACameraEventUntilInterrupted)
     EXPECT_EQ(events, 2) << run.output;
 }
 
-TEST_F(Avmctl, WatchInJsonForSomeSecondsEndsByItself)
+TEST_F(Avmctl, WatchInJsonNamesTheEventWithItsTimes)
 {
-    avmtest::ChildProcess watch(command({"--json", "watch", "3"}), boardEnvironment());
+    avmtest::ChildProcess watch(command({"--json", "watch"}), boardEnvironment());
     ASSERT_TRUE(watch.waitForOutput([](auto &, auto &err) { return err.find("watching") != std::string::npos; },
                                     kChildRuns));
     audio.raiseDoa(-45);
+    ASSERT_TRUE(watch.waitForOutput([](auto &out, auto &) { return out.find('\n') != std::string::npos; }, kWire));
+    watch.signal(SIGTERM);
     const avmtest::ChildResult run = watch.wait();
     EXPECT_EQ(run.exitCode, 0) << describe(run);
     EXPECT_TRUE(std::regex_match(run.output, std::regex("\\{\"event\":\"doa\",\"value\":-45,\"time\":\"[-0-9T:.]+\","
                                                         "\"elapsed\":[0-9]+\\.[0-9]{3}\\}\n")))
         << run.output;
+}
+
+TEST_F(Avmctl, WatchForSomeSecondsEndsByItself)
+{
+    const auto start = std::chrono::steady_clock::now();
+    avmtest::ChildProcess watch(command({"watch", "1"}), boardEnvironment());
+    ASSERT_TRUE(watch.waitForEnd(kChildRuns)) << "still watching";
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
+    const avmtest::ChildResult run = watch.wait();
+    EXPECT_EQ(run.exitCode, 0) << describe(run);
+    EXPECT_EQ(run.output, "") << "nothing happened";
 }
 
 // ------------------------------------------------------------ wrong command lines

@@ -270,6 +270,18 @@ bool ChildProcess::waitForOutput(const std::function<bool(const std::string &out
     }
 }
 
+bool ChildProcess::waitForEnd(std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (!readSome(std::max(std::chrono::milliseconds(0), std::min(left, std::chrono::milliseconds(100)))))
+            return true;
+        if (left.count() <= 0)
+            return false;
+    }
+}
+
 void ChildProcess::signal(int signal)
 {
     if (pid_ > 0)

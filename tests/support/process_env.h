@@ -99,6 +99,9 @@ public:
     // (standard output, standard error) or `timeout` passes; true when it held.
     bool waitForOutput(const std::function<bool(const std::string &out, const std::string &err)> &seen,
                        std::chrono::milliseconds timeout);
+    // Reads its output until it closed both streams (it ended) or `timeout`
+    // passes; true when it ended.
+    bool waitForEnd(std::chrono::milliseconds timeout);
     // Sends a signal (to the emulator, which hands it on, under qemu-user).
     void signal(int signal);
     // Reads the rest of its output and waits for it to end.
