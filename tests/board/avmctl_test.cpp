@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <regex>
 #include <string>
@@ -20,6 +21,7 @@
 #include "amp/amp_tuning.h"
 #include "amp_fixture.h"
 #include "camera/ptz_frame.h"
+#include "camera_on_board.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
 #include "process_env.h"
@@ -28,8 +30,10 @@
 #include "sim/dsp_audio_model.h"
 #include "sim/dsp_model.h"
 #include "sim/hdmi_out_model.h"
+#include "sim/hid_camera_model.h"
 #include "sim/ptz_camera_model.h"
 #include "sim/uac_mixer_model.h"
+#include "sim/usb_sysfs.h"
 #include "test_helpers.h"
 
 extern char **environ;
@@ -220,6 +224,25 @@ TEST_F(Avmctl, CameraSetterAndGetterAreFramesOnItsLine)
     EXPECT_GE(camera.countFrames(get.sendMain, get.sendSub), 1u);
 }
 
+TEST_F(Avmctl, CameraLogsComeOverHidIntoTheDirectoryGiven)
+{
+    cameraOn();
+    sim::PtzCameraModel ptz{board};
+    sim::UsbSysfs usb{board};
+    usb.attach("1-1", avmtest::kCamVid, avmtest::kCamPid);
+    sim::HidCameraModel camera{board, "/dev/hidraw0", avmtest::kCamVid, avmtest::kCamPid};
+    const std::string log = "[1000.000001] kmsg: a made-up line\n";
+    camera.setFile("/var/volatile/log/kmsg.log", log);
+    avmtest::TempDir dir;
+    // The file ends by the module's 8 s wait for more of it.
+    EXPECT_EQ(ok({"get_cam_logs", dir.path()}), "1\n");
+    std::ifstream fetched(dir.path() + "/CamLogs/kmsg.log", std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(fetched), {}), log);
+    const auto requests = camera.fileRequests();
+    ASSERT_FALSE(requests.empty());
+    EXPECT_EQ(requests[0], "/var/volatile/log/kmsg.log");
+}
+
 TEST_F(Avmctl, TheIspPairIsPrintedAndInJson)
 {
     cameraOn();
@@ -317,6 +340,16 @@ TEST_F(Avmctl, WatchForSomeSecondsEndsByItself)
     const avmtest::ChildResult run = watch.wait();
     EXPECT_EQ(run.exitCode, 0) << describe(run);
     EXPECT_EQ(run.output, "") << "nothing happened";
+}
+
+TEST_F(Avmctl, AStartUpThatFailsEndsWithStatusOneBeforeAnyOperation)
+{
+    cameraOn(); // with no camera on its line: the PTZ link cannot start
+    const avmtest::ChildResult run = avmctl({"set_volume", "2", "40"});
+    EXPECT_EQ(run.exitCode, 1) << describe(run);
+    EXPECT_EQ(run.output, "");
+    EXPECT_EQ(run.errors, "avmctl: start-up failed (hal_init returned -1); --logs shows the module's reasons\n");
+    EXPECT_EQ(prop("persist.zel.dsp.volumeVal"), "") << "set_volume was not called";
 }
 
 // ------------------------------------------------------------ wrong command lines
