@@ -58,8 +58,8 @@ void noteLinkActivity();
 // Starts the signal thread; call first in main, before any other thread.
 void startSignalThread();
 // Prints the callbacks and directions of arrival until a signal comes or
-// `duration` has passed (zero: until a signal). True when a signal ended it.
-bool watch(const avmanager_module_t *hal, std::chrono::seconds duration);
+// `duration` has passed (zero: until a signal).
+void watch(const avmanager_module_t *hal, std::chrono::seconds duration);
 
 // ------------------------------------------------------------ settling (avmctl_settle.cpp)
 

@@ -178,7 +178,7 @@ void startSignalThread()
     std::thread(takeSignals, set).detach();
 }
 
-bool watch(const avmanager_module_t *hal, std::chrono::seconds duration)
+void watch(const avmanager_module_t *hal, std::chrono::seconds duration)
 {
     {
         std::lock_guard<std::mutex> lock(gWatch.mutex);
@@ -190,7 +190,6 @@ bool watch(const avmanager_module_t *hal, std::chrono::seconds duration)
     gFollowDoa.store(true);
     // Says when the callbacks are in place (a script waiting for it reads it here).
     printMessage("watching camera status, dsp status and doa; ^C ends");
-    bool signalled = false;
     {
         std::unique_lock<std::mutex> lock(gWatch.mutex);
         const auto done = [] { return gWatch.signalled; };
@@ -198,12 +197,10 @@ bool watch(const avmanager_module_t *hal, std::chrono::seconds duration)
             gWatch.wake.wait_for(lock, duration, done);
         else
             gWatch.wake.wait(lock, done);
-        signalled = gWatch.signalled;
         gWatch.watching = false;
     }
     // The callbacks stay: later operations of a script may still see them.
     gFollowDoa.store(false);
-    return signalled;
 }
 
 } // namespace avmctl

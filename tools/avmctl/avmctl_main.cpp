@@ -219,6 +219,38 @@ int parseOptions(int argc, char **argv, Options *options, std::vector<std::strin
     return 0;
 }
 
+// The commands of the command line or the script, all checked. 0, or the
+// exit status.
+int readCommands(const Options &options, const std::vector<std::string> &words, std::vector<Command> *commands)
+{
+    std::string error;
+    if (!options.script.empty() && !words.empty())
+        error = "--script and a command cannot be given together";
+    else if (!options.script.empty())
+        readScript(options.script, commands, &error);
+    else if (words.empty())
+        error = "no operation given (avmctl --help lists them)";
+    else if (Command command; parseCommand(words, &command, &error))
+        commands->push_back(std::move(command));
+    if (error.empty())
+        return 0;
+    printMessage(error);
+    return kExitUsage;
+}
+
+// The module as the service loads it; nullptr (and a message) when it
+// cannot be.
+const avmanager_module_t *loadModule()
+{
+    const hw_module_t *module = nullptr;
+    const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
+    if (loaded == 0 && module)
+        return reinterpret_cast<const avmanager_module_t *>(module);
+    printMessage(std::string("cannot load ") + AVMANAGER_HARDWARE_MODULE_ID + ": " +
+                 std::strerror(loaded < 0 ? -loaded : EINVAL));
+    return nullptr;
+}
+
 // Start-up is the caller's when a command is hal_init itself.
 bool callsStartUp(const std::vector<Command> &commands)
 {
@@ -226,6 +258,40 @@ bool callsStartUp(const std::vector<Command> &commands)
         if (command.op && command.op->slot == 0)
             return true;
     return false;
+}
+
+// Runs the commands in order; true when one of them started the module.
+bool runCommands(const avmanager_module_t *hal, const std::vector<Command> &commands, bool script)
+{
+    const avmops::Callbacks callbacks = eventCallbacks();
+    bool startedUp = false;
+    for (const auto &command : commands) {
+        switch (command.kind) {
+        case Command::Kind::Watch:
+            watch(hal, std::chrono::seconds(command.watchSeconds));
+            break;
+        case Command::Kind::Sleep:
+            std::this_thread::sleep_for(std::chrono::milliseconds(command.sleepMs));
+            break;
+        case Command::Kind::Operation:
+            printResult(command.text, *command.op, command.values,
+                        avmops::invoke(*command.op, hal, command.values, callbacks), script);
+            startedUp = startedUp || command.op->slot == 0;
+            break;
+        }
+    }
+    return startedUp;
+}
+
+// Leaves once the links have settled (when the module was started), with
+// the module's threads still running: no static destructors.
+[[noreturn]] void leave(bool startedUp, int status)
+{
+    if (startedUp)
+        waitForLinksToSettle();
+    std::fflush(stdout);
+    std::fflush(stderr);
+    _exit(status);
 }
 
 } // namespace
@@ -244,27 +310,8 @@ int main(int argc, char **argv)
     if (const int status = parseOptions(argc, argv, &options, &words); status != 0)
         return status < 0 ? kExitDone : status;
     std::vector<Command> commands;
-    std::string error;
-    if (!options.script.empty() && !words.empty()) {
-        printMessage("--script and a command cannot be given together");
-        return kExitUsage;
-    }
-    if (!options.script.empty()) {
-        if (!readScript(options.script, &commands, &error)) {
-            printMessage(error);
-            return kExitUsage;
-        }
-    } else if (words.empty()) {
-        printMessage("no operation given (avmctl --help lists them)");
-        return kExitUsage;
-    } else {
-        Command command;
-        if (!parseCommand(words, &command, &error)) {
-            printMessage(error);
-            return kExitUsage;
-        }
-        commands.push_back(std::move(command));
-    }
+    if (const int status = readCommands(options, words, &commands); status != 0)
+        return status;
     setJsonOutput(options.json);
 
     // The module posts DSP requests to descriptor 0 until its DSP link is
@@ -277,46 +324,18 @@ int main(int argc, char **argv)
     }
     followModuleLog(options.logs);
 
-    const hw_module_t *module = nullptr;
-    const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
-    if (loaded != 0 || !module) {
-        printMessage(std::string("cannot load ") + AVMANAGER_HARDWARE_MODULE_ID + ": " +
-                   std::strerror(loaded < 0 ? -loaded : EINVAL));
+    const avmanager_module_t *hal = loadModule();
+    if (!hal)
         return kExitModule;
-    }
-    const auto *hal = reinterpret_cast<const avmanager_module_t *>(module);
     const bool startUp = options.init && !callsStartUp(commands);
     if (startUp) {
         const int result = hal->hal_init();
         if (result < 0) {
             printMessage("start-up failed (hal_init returned " + std::to_string(result) +
-                       "); --logs shows the module's reasons");
-            waitForLinksToSettle();
-            std::fflush(stdout);
-            _exit(kExitModule);
+                         "); --logs shows the module's reasons");
+            leave(true, kExitModule);
         }
     }
-
-    const avmops::Callbacks callbacks = eventCallbacks();
-    const bool script = !options.script.empty();
-    bool linksUp = startUp;
-    for (const auto &command : commands) {
-        if (command.kind == Command::Kind::Watch) {
-            watch(hal, std::chrono::seconds(command.watchSeconds));
-            continue;
-        }
-        if (command.kind == Command::Kind::Sleep) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(command.sleepMs));
-            continue;
-        }
-        const avmops::Result result = avmops::invoke(*command.op, hal, command.values, callbacks);
-        printResult(command.text, *command.op, command.values, result, script);
-        linksUp = linksUp || command.op->slot == 0;
-    }
-    if (linksUp)
-        waitForLinksToSettle();
-    // The module's threads run on; leave without static destructors.
-    std::fflush(stdout);
-    std::fflush(stderr);
-    _exit(kExitDone);
+    const bool startedUp = runCommands(hal, commands, !options.script.empty());
+    leave(startUp || startedUp, kExitDone);
 }
