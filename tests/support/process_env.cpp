@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -165,17 +166,21 @@ bool FreshPropertyStore::isSet(const std::string &key) const
 
 ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std::string> &env)
 {
-    ChildResult result;
+    return ChildProcess(argv, env).wait();
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+{
     if (argv.empty())
-        return result;
+        return;
     int out[2];
     int err[2];
     if (pipe2(out, O_CLOEXEC) != 0)
-        return result;
+        return;
     if (pipe2(err, O_CLOEXEC) != 0) {
         close(out[0]);
         close(out[1]);
-        return result;
+        return;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -202,46 +207,101 @@ ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std
     for (const auto &e : entries)
         envp.push_back(const_cast<char *>(e.c_str()));
     envp.push_back(nullptr);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    const int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
     close(err[1]);
-    if (rc == 0) {
-        // Both pipes at once, so a child filling one cannot stall on it.
-        struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-        std::string *sinks[2] = {&result.output, &result.errors};
-        int open = 2;
-        while (open > 0) {
-            if (poll(fds, 2, -1) < 0) {
-                if (errno == EINTR)
-                    continue;
-                break;
-            }
-            for (int i = 0; i < 2; ++i) {
-                if (fds[i].fd < 0 || fds[i].revents == 0)
-                    continue;
-                char buf[4096];
-                const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-                if (n > 0) {
-                    sinks[i]->append(buf, static_cast<size_t>(n));
-                } else if (n == 0 || errno != EINTR) {
-                    fds[i].fd = -1;
-                    --open;
-                }
-            }
-        }
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        if (WIFEXITED(status))
-            result.exitCode = WEXITSTATUS(status);
-    } else {
-        result.errors = std::string("posix_spawn: ") + std::strerror(rc);
+    if (rc != 0) {
+        pid_ = -1;
+        result_.errors = std::string("posix_spawn: ") + std::strerror(rc);
+        close(out[0]);
+        close(err[0]);
+        return;
     }
-    close(out[0]);
-    close(err[0]);
-    return result;
+    fds_[0] = out[0];
+    fds_[1] = err[0];
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        wait();
+    }
+    for (int fd : fds_)
+        if (fd >= 0)
+            close(fd);
+}
+
+bool ChildProcess::readSome(std::chrono::milliseconds timeout)
+{
+    struct pollfd fds[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
+    if (fds_[0] < 0 && fds_[1] < 0)
+        return false;
+    const int ready = poll(fds, 2, static_cast<int>(timeout.count()));
+    if (ready <= 0)
+        return true; // nothing yet, or EINTR: the caller looks at its clock
+    std::string *sinks[2] = {&result_.output, &result_.errors};
+    for (int i = 0; i < 2; ++i) {
+        if (fds_[i] < 0 || fds[i].revents == 0)
+            continue;
+        char buf[4096];
+        const ssize_t n = read(fds_[i], buf, sizeof buf);
+        if (n > 0) {
+            sinks[i]->append(buf, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            close(fds_[i]);
+            fds_[i] = -1;
+        }
+    }
+    return fds_[0] >= 0 || fds_[1] >= 0;
+}
+
+bool ChildProcess::waitForOutput(const std::function<bool(const std::string &out, const std::string &err)> &seen,
+                                 std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (seen(result_.output, result_.errors))
+            return true;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !readSome(std::min(left, std::chrono::milliseconds(100))))
+            return seen(result_.output, result_.errors);
+    }
+}
+
+bool ChildProcess::waitForEnd(std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (!readSome(std::max(std::chrono::milliseconds(0), std::min(left, std::chrono::milliseconds(100)))))
+            return true;
+        if (left.count() <= 0)
+            return false;
+    }
+}
+
+void ChildProcess::signal(int signal)
+{
+    if (pid_ > 0)
+        kill(pid_, signal);
+}
+
+ChildResult ChildProcess::wait()
+{
+    // Both pipes at once, so a child filling one cannot stall on it.
+    while (readSome(std::chrono::milliseconds(-1))) {
+    }
+    if (pid_ > 0) {
+        int status = 0;
+        while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        }
+        pid_ = -1;
+        if (WIFEXITED(status))
+            result_.exitCode = WEXITSTATUS(status);
+    }
+    return result_;
 }
 
 std::string shellCommandFor(const std::string &program)

@@ -13,6 +13,10 @@
  */
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -80,6 +84,37 @@ struct ChildResult {
 // collects its output. The caller's own environment is untouched. A program of this build runs under the build's
 // emulator when the tests themselves do (the ARM build under qemu-user).
 ChildResult runChild(const std::vector<std::string> &argv, const std::vector<std::string> &env);
+
+// A child started as runChild starts it, left running: a test reads its
+// output while it runs, signals it and then waits for its end. A child
+// still running when the object goes is killed and reaped.
+class ChildProcess {
+public:
+    ChildProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
+
+    // Reads its output until `seen` holds for what it printed so far
+    // (standard output, standard error) or `timeout` passes; true when it held.
+    bool waitForOutput(const std::function<bool(const std::string &out, const std::string &err)> &seen,
+                       std::chrono::milliseconds timeout);
+    // Reads its output until it closed both streams (it ended) or `timeout`
+    // passes; true when it ended.
+    bool waitForEnd(std::chrono::milliseconds timeout);
+    // Sends a signal (to the emulator, which hands it on, under qemu-user).
+    void signal(int signal);
+    // Reads the rest of its output and waits for it to end.
+    ChildResult wait();
+
+private:
+    // Reads what is there within `timeout`; false once both streams ended.
+    bool readSome(std::chrono::milliseconds timeout);
+
+    pid_t pid_ = -1;
+    int fds_[2] = {-1, -1}; // its standard output and standard error
+    ChildResult result_;
+};
 
 // The start of a shell command that runs `program` (quoted), under the
 // build's emulator when runChild would use it; arguments follow.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "avmanager_hal.h"
+#include "operations.h"
 #include "sim/board.h"
 
 namespace sim {
@@ -109,24 +110,21 @@ void addFaultModels(sim::Board &board, ModelSet &models);
 
 // ------------------------------------------------------------ operations
 
-// Kind of one operation argument as typed on the command line.
-enum class ArgKind { Int, Text };
-
-struct Operation {
-    const char *name;               // operation name without "avmanager_"
-    std::vector<ArgKind> args;      // what the command line supplies
-    const char *note;               // shown by help (argument meaning)
-};
-
-// The 50 operations in slot order.
-const std::vector<Operation> &operations();
-// Calls the operation `name` of the loaded module with args; prints the
-// result. false when the name is unknown or the arguments do not parse.
+// Calls the module operation `name` (the shared table of tools/operations)
+// with args and prints its result ("= 1") or why it was not called.
+// false when no operation has that name.
 bool callOperation(const avmanager_module_t *hal, const std::string &name, const Args &args);
 
-// Parses a decimal or 0x-prefixed integer.
-bool parseInt(const std::string &text, long *value);
-// Turns \0 \n \r \t \\ \xNN escapes into bytes.
-std::string unescape(const std::string &text);
+using avmops::parseInt;
+using avmops::unescape;
+
+// ------------------------------------------------------------ avmctl
+
+// With --no-module the console loads no module and avmctl drives the board
+// (console_avmctl.cpp). The environment and path that run avmctl on this
+// board from another shell:
+std::string avmctlCommandLine();
+// Runs avmctl on this board with args, its output printed as it comes.
+void runAvmctl(const Args &args);
 
 } // namespace console

@@ -194,19 +194,15 @@ void timelineOff()
 void help(const ModelSet &models)
 {
     consolePrint("module operations (name without \"avmanager_\"):");
-    const auto &ops = operations();
-    for (size_t slot = 0; slot < ops.size(); ++slot) {
-        std::string line = "  " + std::to_string(slot) + "\t" + ops[slot].name;
-        if (ops[slot].note[0])
-            line += std::string(" ") + ops[slot].note;
-        consolePrint(line);
-    }
+    for (const auto &op : avmops::operations())
+        consolePrint("  " + std::to_string(op.slot) + "\t" + avmops::usage(op));
     consolePrint("models:");
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
     consolePrint("console:");
     consolePrint("  help | trace on|full|off | logs on|off | timeline on <file> | timeline off | props");
     consolePrint("  getprop <key> | setprop <key> <value> | sleep <ms> | quit");
+    consolePrint("  avmctl <arguments>   (with --no-module: avmctl calls the module on this board)");
     consolePrint("  (on a terminal: tab completes, up and down walk the history, ^C drops the line)");
 }
 
@@ -248,12 +244,16 @@ Outcome run(sim::Board &board, const avmanager_module_t *hal, const ModelSet &mo
     } else if (models.has(cmd)) {
         if (!models.command(cmd, rest))
             consolePrint("unknown " + cmd + " command (try help)");
+    } else if (cmd == "avmctl") {
+        // Two modules would drive the same lines.
+        if (hal)
+            consolePrint("avmctl: the console's module holds the board; start the console with --no-module");
+        else
+            runAvmctl(rest);
+    } else if (!hal && avmops::findOperation(cmd)) {
+        consolePrint("no module here (--no-module): avmctl " + cmd + " calls it");
     } else if (!callOperation(hal, cmd, rest)) {
-        bool known = false;
-        for (const auto &op : operations())
-            known = known || cmd == op.name;
-        if (!known)
-            consolePrint("unknown command: " + cmd + " (try help)");
+        consolePrint("unknown command: " + cmd + " (try help)");
     }
     return Outcome::Continue;
 }
@@ -272,9 +272,10 @@ Outcome runMarked(sim::Board &board, const avmanager_module_t *hal, const ModelS
 void usage()
 {
     std::printf("usage: avconsole [--script FILE] [--dsp 0|1] [--cam 0|1] [--prop KEY=VALUE]...\n"
-                "                 [--no-trace] [--logs] [--timeline FILE]\n"
+                "                 [--no-trace] [--logs] [--timeline FILE] [--no-module]\n"
                 "Runs under umockdev-wrapper (scripts/run-board). Without a terminal and\n"
-                "without --script it plays a short demo and exits.\n");
+                "without --script it plays a short demo and exits. --no-module brings up the\n"
+                "board without loading the module, for avmctl to call it.\n");
 }
 
 } // namespace
@@ -289,6 +290,7 @@ int main(int argc, char **argv)
     std::string dspSwitch = "1";
     std::string camSwitch;
     std::vector<std::pair<std::string, std::string>> extraProps;
+    bool loadModule = true;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -312,6 +314,8 @@ int main(int argc, char **argv)
             gLogsOn.store(true);
         } else if (arg == "--no-trace") {
             gTraceMode.store(kTraceOff);
+        } else if (arg == "--no-module") {
+            loadModule = false;
         } else if (arg == "--help" || arg == "-h") {
             usage();
             return 0;
@@ -352,18 +356,24 @@ int main(int argc, char **argv)
             names += " " + name;
         consolePrint("virtual board at " + board.root() + "; models:" + names);
 
-        const hw_module_t *module = nullptr;
-        const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
-        if (loaded != 0 || !module) {
-            consolePrint("cannot load " + std::string(AVMANAGER_HARDWARE_MODULE_ID) + ": " +
-                         std::strerror(loaded < 0 ? -loaded : EINVAL));
-            board.trace().setListener(nullptr);
-            return 1;
+        const avmanager_module_t *hal = nullptr;
+        if (loadModule) {
+            const hw_module_t *module = nullptr;
+            const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
+            if (loaded != 0 || !module) {
+                consolePrint("cannot load " + std::string(AVMANAGER_HARDWARE_MODULE_ID) + ": " +
+                             std::strerror(loaded < 0 ? -loaded : EINVAL));
+                board.trace().setListener(nullptr);
+                return 1;
+            }
+            hal = reinterpret_cast<const avmanager_module_t *>(module);
+            consolePrint("> hal_init");
+            consolePrint("= " + std::to_string(hal->hal_init()));
+            settle();
+        } else {
+            consolePrint("no module loaded: `avmctl <arguments>` here calls it, or from another shell:");
+            consolePrint("  " + avmctlCommandLine() + " <arguments>");
         }
-        const auto *hal = reinterpret_cast<const avmanager_module_t *>(module);
-        consolePrint("> hal_init");
-        consolePrint("= " + std::to_string(hal->hal_init()));
-        settle();
 
         const bool interactive = script.empty() && isatty(STDIN_FILENO);
         if (!script.empty()) {
@@ -384,14 +394,17 @@ int main(int argc, char **argv)
         } else if (interactive) {
             consolePrint("type help for the commands, quit to leave (tab completes)");
             std::vector<std::string> words = {"help", "trace", "logs", "timeline", "props", "getprop",
-                                              "setprop", "sleep", "quit"};
-            for (const auto &op : operations())
+                                              "setprop", "sleep", "avmctl", "quit"};
+            for (const auto &op : avmops::operations())
                 words.push_back(op.name);
             setCompletions(words, models.helpLines(),
                            {{"trace", {"on", "full", "off"}}, {"logs", {"on", "off"}}, {"timeline", {"on", "off"}}});
             runLineEditor("avm> ", [&](const std::string &line) {
                 return runMarked(board, hal, models, line) != Outcome::Quit;
             });
+        } else if (!hal) {
+            consolePrint("--no-module needs a terminal or --script");
+            status = 2;
         } else {
             for (const char *line : kDemo) {
                 consolePrint(std::string("> ") + line);
@@ -400,9 +413,11 @@ int main(int argc, char **argv)
             }
         }
 
-        consolePrint("> hal_release");
-        consolePrint("= " + std::to_string(hal->hal_release()));
-        settle();
+        if (hal) {
+            consolePrint("> hal_release");
+            consolePrint("= " + std::to_string(hal->hal_release()));
+            settle();
+        }
         if (gTimeline.load() != nullptr)
             timelineOff();
         // The camera link outlives release by design; its lines stop here.
