@@ -6,12 +6,8 @@
 #
 # At run time the unpacked tree is qemu-arm's library prefix
 # (QEMU_LD_PREFIX, set by tests/board-wrapper): the emulated program's
-# /usr/lib/arm-linux-gnueabihf/... resolve there first, and its loader
-# reads the preload list from the tree's etc/ld.so.preload, written here:
-# the board's shim, then umockdev's preload. So the list is no variable of
-# the emulated program's environment, and the host programs it starts
-# (a shell, md5sum, a qemu-arm for a child) do not try to preload ARM
-# libraries. docs/arm-board.md tells the whole path.
+# /usr/lib/arm-linux-gnueabihf/... resolve there first. docs/arm-board.md
+# tells the whole path.
 set(AVM_ARMHF_BOARD_LIBS ${CMAKE_BINARY_DIR}/out/armhf-board-libs)
 execute_process(COMMAND ${CMAKE_SOURCE_DIR}/scripts/fetch-armhf-board-libs ${AVM_ARMHF_BOARD_LIBS}
   RESULT_VARIABLE fetched)
@@ -22,5 +18,3 @@ set(root ${AVM_ARMHF_BOARD_LIBS}/root)
 set(AVM_ARMHF_BOARD_LIB_DIRS ${root}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${root}/lib/${CMAKE_LIBRARY_ARCHITECTURE})
 set(ENV{PKG_CONFIG_LIBDIR} "${root}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig:${root}/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${root})
-file(WRITE ${root}/etc/ld.so.preload
-  "${CMAKE_BINARY_DIR}/out/libavm_board_preload.so\n/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/libumockdev-preload.so.0\n")
