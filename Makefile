@@ -27,13 +27,15 @@ build: deps
 run: build
 	scripts/run-board build/$(PRESET)
 
-# `make test` runs five suites. The builds run one after the other, each
+# `make test` runs six suites. The builds run one after the other, each
 # on every core; a suite starts as soon as its build is done and runs
 # while the next build compiles (the suite is proven to hold on a loaded
 # machine). The longest suite, ThreadSanitizer's, is built second so that
 # it overlaps the most compiling, and runs alone among the suites. The
-# ARM suite (half a minute) and then the libFuzzer run run beside the
-# ASan one. Each suite's output is printed when it ends.
+# ARM suite (a few minutes: unit tests, fuzz replays and part of the board
+# tests) and then the libFuzzer run run beside the ASan one; the device
+# build check runs once the default build is done. Each suite's output is
+# printed when it ends.
 test: deps
 	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
 
