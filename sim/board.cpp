@@ -271,8 +271,10 @@ bool placeMask(const std::string &path)
 // when it is unplugged); any other node is hidden behind a mask.
 bool isUsbfsNode(const std::string &devnode) { return devnode.rfind("/dev/bus/usb/", 0) == 0; }
 
-// Whether umockdev's preload library is loaded: asked of the loader, not of
-// LD_PRELOAD, which the 32-bit ARM build does not use (tests/board-wrapper).
+// Whether umockdev's preload library is loaded: asked of the loader, since
+// LD_PRELOAD only says what was asked for (under qemu-arm it names the
+// library without a path, and a loader passes over one of the other
+// machine without a word; tests/board-wrapper).
 bool umockdevPreloadLoaded()
 {
     bool found = false;
