@@ -1,8 +1,9 @@
 # Quick start on a fresh Debian 12 machine:
 #   make run    install what is missing, build, open the console on the virtual board
 #   make test   install what is missing, build, run the whole suite: plain, ThreadSanitizer,
-#               ASan+UBSan, the unit tests built for 32-bit ARM under qemu-user, and a short
-#               libFuzzer run of every harness
+#               ASan+UBSan, the unit tests and part of the board tests built for 32-bit ARM
+#               under qemu-user, the device build check, and a short libFuzzer run of every
+#               harness
 PRESET ?= default
 JOBS ?= 2
 # Tests at once: board tests mostly wait on the models, so more than cores.
@@ -11,7 +12,7 @@ TEST_JOBS ?= 4
 # summed test time is about 1.3 times the plain suite's), so as many at once.
 TSAN_JOBS ?= 4
 
-.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
+.PHONY: all deps build run test suites test-default test-asan test-arm test-arm-full test-tsan device-check bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
 	built-default built-asan built-tsan built-arm built-fuzz
 
 all: build
@@ -26,17 +27,19 @@ build: deps
 run: build
 	scripts/run-board build/$(PRESET)
 
-# `make test` runs five suites. The builds run one after the other, each
+# `make test` runs six suites. The builds run one after the other, each
 # on every core; a suite starts as soon as its build is done and runs
 # while the next build compiles (the suite is proven to hold on a loaded
 # machine). The longest suite, ThreadSanitizer's, is built second so that
 # it overlaps the most compiling, and runs alone among the suites. The
-# ARM suite (half a minute) and then the libFuzzer run run beside the
-# ASan one. Each suite's output is printed when it ends.
+# ARM suite (a few minutes: unit tests, fuzz replays and part of the board
+# tests) and then the libFuzzer run run beside the ASan one; the device
+# build check runs once the default build is done. Each suite's output is
+# printed when it ends.
 test: deps
 	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
 
-suites: test-default test-tsan test-asan test-arm fuzz-smoke
+suites: test-default test-tsan test-asan test-arm fuzz-smoke device-check
 
 # The order of the builds and of the suites, within `make test` only;
 # there `deps` has run once before.
@@ -76,11 +79,27 @@ test-tsan: built-tsan $(call after,test-default)
 test-asan: built-asan $(call after,test-tsan)
 	ctest --preset asan -j$(TEST_JOBS)
 
-# The device's ABI: module, platform pieces and unit tests cross-built for
-# 32-bit ARM (armhf) and run under qemu-user; no board tests (no umockdev
-# there).
+# The device's ABI: the module, the platform pieces, the virtual board and
+# the tests cross-built for 32-bit ARM (armhf) and run under qemu-user, the
+# board with umockdev's armhf libraries (docs/arm-board.md). `make test`
+# runs the unit tests, the fuzz replays and the part of the board tests
+# that tests/arm-board-part.txt lists (every board test file, every ioctl,
+# usbfs and serial-settings interface); test-arm-full runs every board and
+# console test too. Board tests mostly wait on the models, so as many at
+# once as in the other suites.
 test-arm: built-arm $(call after,test-tsan)
-	ctest --preset arm -j$(JOBS)
+	ctest --preset arm -j$(TEST_JOBS) -R "$$(scripts/arm-board-part regex build/arm)"
+
+test-arm-full: built-arm
+	ctest --preset arm -j$(TEST_JOBS)
+
+# The device build: Android.bp's module built for 32-bit ARM with the
+# sources, defines and warnings Android.bp sets (clang, as on the device),
+# linked with only the libraries it names; and the same source files as
+# the host build compiles into the module (scripts/check-android-bp).
+device-check: $(DEPS) $(call after,built-default)
+	$(if $(PIPELINE),,cmake --preset default > /dev/null)
+	scripts/check-android-bp --host-build build/default --device-build build/device
 
 # Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
 # of tests/fuzz for FUZZ_SECONDS each, one after the other, from the

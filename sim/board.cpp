@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <link.h>
 #include <fcntl.h>
 #include <fstream>
 #include <map>
@@ -270,6 +271,23 @@ bool placeMask(const std::string &path)
 // when it is unplugged); any other node is hidden behind a mask.
 bool isUsbfsNode(const std::string &devnode) { return devnode.rfind("/dev/bus/usb/", 0) == 0; }
 
+// Whether umockdev's preload library is loaded: asked of the loader, since
+// LD_PRELOAD only says what was asked for (under qemu-arm it names the
+// library without a path, and a loader passes over one of the other
+// machine without a word; tests/board-wrapper).
+bool umockdevPreloadLoaded()
+{
+    bool found = false;
+    dl_iterate_phdr(
+        [](struct dl_phdr_info *info, size_t, void *data) {
+            if (info->dlpi_name && std::strstr(info->dlpi_name, "libumockdev-preload"))
+                *static_cast<bool *>(data) = true;
+            return 0;
+        },
+        &found);
+    return found;
+}
+
 std::string requiredRoot()
 {
     const char *root = getenv("AVMANAGER_ROOT");
@@ -289,9 +307,7 @@ void initBoardProcess()
 {
     // Without umockdev nothing is redirected, and without the board's shim
     // in front of it the host's own devices show through: refuse both.
-    const char *preload = getenv("LD_PRELOAD");
-    if (!preload || !std::strstr(preload, "umockdev-preload") ||
-        !dlsym(RTLD_DEFAULT, "avm_board_preload_active")) {
+    if (!umockdevPreloadLoaded() || !dlsym(RTLD_DEFAULT, "avm_board_preload_active")) {
         std::fprintf(stderr, "virtual board: the board's shim and umockdev's preload are not "
                              "loaded; run the program through tests/board-wrapper or "
                              "scripts/run-board\n");

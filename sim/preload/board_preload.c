@@ -62,8 +62,10 @@ static int hidden(const char *path)
     if (n < 0 || (size_t)n >= sizeof entry)
         return 0;
     const int saved = errno;
-    struct stat st;
-    const int rc = fstatat(AT_FDCWD, entry, &st, 0);
+    /* The 64-bit record: on 32-bit ARM the plain one fails with EOVERFLOW
+     * on a build machine's 64-bit inode numbers. */
+    struct stat64 st;
+    const int rc = fstatat64(AT_FDCWD, entry, &st, 0);
     errno = saved;
     if (rc != 0)
         return board_owned(path);

@@ -130,6 +130,16 @@ int runEachInItsOwnProcess(const std::vector<std::string> &tests, const std::vec
     return 1;
 }
 
+// Whether the filter names one test outright ("Suite.Name", as ctest runs
+// them): then no listing is needed to know that one test is selected,
+// which spares a second start of the program (a costly one under qemu).
+bool namesOneTest(const std::string &filter)
+{
+    const size_t dot = filter.find('.');
+    return dot != std::string::npos && dot > 0 && dot + 1 < filter.size() &&
+           filter.find_first_of("*?:-", 0) == std::string::npos;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -138,9 +148,12 @@ int main(int argc, char **argv)
     testing::InitGoogleTest(&argc, argv);
     if (GTEST_FLAG_GET(list_tests))
         return RUN_ALL_TESTS();
-    const std::vector<std::string> tests = selectedTests(args);
-    if (tests.size() > 1 || GTEST_FLAG_GET(repeat) > 1)
-        return runEachInItsOwnProcess(tests, args);
+    const bool one = namesOneTest(GTEST_FLAG_GET(filter)) && !GTEST_FLAG_GET(shuffle);
+    if (!one || GTEST_FLAG_GET(repeat) > 1) {
+        const std::vector<std::string> tests = selectedTests(args);
+        if (tests.size() > 1 || GTEST_FLAG_GET(repeat) > 1)
+            return runEachInItsOwnProcess(tests, args);
+    }
     // One test: the environment came from the wrapper; the testbed is made
     // before any thread starts.
     avmtest::installLogCapture();
