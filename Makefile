@@ -11,7 +11,7 @@ TEST_JOBS ?= 4
 # summed test time is about 1.3 times the plain suite's), so as many at once.
 TSAN_JOBS ?= 4
 
-.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
+.PHONY: all deps build run test suites test-default test-asan test-arm test-tsan test-kernel bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
 	built-default built-asan built-tsan built-arm built-fuzz
 
 all: build
@@ -72,6 +72,14 @@ test-default: built-default
 # UBSan cover.
 test-tsan: built-tsan $(call after,test-default)
 	ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
+
+# The module against the real Linux kernel: the kernel tests (ctest label
+# "kernel") of build/default run inside the VM of scripts/kernel-vm, one
+# at a time, against the kernel board. A VM that cannot start fails the
+# stage with its reason.
+KERNEL_VM_TIMEOUT ?= 1500
+test-kernel: built-default $(call after,test-default)
+	scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
 
 test-asan: built-asan $(call after,test-tsan)
 	ctest --preset asan -j$(TEST_JOBS)

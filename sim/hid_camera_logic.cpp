@@ -49,6 +49,26 @@ std::string hexBytes(const uint8_t *data, size_t size, size_t max = 12)
 
 HidCameraLogic::HidCameraLogic(uint16_t vid, uint16_t pid) : vid_(vid), pid_(pid) {}
 
+const std::vector<uint8_t> &HidCameraLogic::reportDescriptor()
+{
+    static const std::vector<uint8_t> descriptor = {
+        0x06, 0x00, 0xff, // usage page: vendor defined
+        0x09, 0x01,       // usage 1
+        0xa1, 0x01,       // collection: application
+        0x15, 0x00,       //   logical minimum 0
+        0x26, 0xff, 0x00, //   logical maximum 255
+        0x75, 0x08,       //   report size: 8 bits
+        0x95, kReportSize, //  report count: 64
+        0x09, 0x01,       //   usage 1
+        0x81, 0x02,       //   input: data, variable, absolute
+        0x95, kReportSize, //  report count: 64
+        0x09, 0x01,       //   usage 1
+        0x91, 0x02,       //   output: data, variable, absolute
+        0xc0,             // end collection
+    };
+    return descriptor;
+}
+
 HidCameraLogic::~HidCameraLogic() = default;
 
 HidCameraLogic::Report HidCameraLogic::whole(Report report) const

@@ -46,6 +46,9 @@ class HidCameraLogic {
 public:
     using Report = std::vector<uint8_t>;
     static constexpr size_t kReportSize = 64;
+    // The report descriptor of the camera's HID interface: a vendor page
+    // with one 64-byte input and one 64-byte output report, unnumbered.
+    static const std::vector<uint8_t> &reportDescriptor();
     // Told whenever a report is queued for the host (from any thread).
     using QueuedListener = std::function<void()>;
 

@@ -1,0 +1,109 @@
+/*
+ * Sound card 2's controls, added as user-defined controls of the kernel.
+ */
+#include "kernel_mixer.h"
+
+#include <fcntl.h>
+#include <sound/asound.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "sim/uac_mixer_model.h"
+
+namespace sim::kernel {
+
+namespace {
+
+constexpr const char *kControlNode = "/dev/snd/controlC2";
+// 256 steps per dB from -65 dB (0) to 0 dB.
+constexpr long kVolumeMax = 65 * 256;
+
+struct ControlSpec {
+    unsigned numid;
+    const char *name;
+    bool boolean;
+};
+
+// In the order they are added: a card without controls numbers them from 1.
+constexpr ControlSpec kControls[] = {
+    {1, "Headset Capture Switch", true},
+    {2, "Headset Capture Volume", false},
+    {UacMixer::kSwitchNumid, "PCM Playback Switch", true},
+    {UacMixer::kVolumeNumid, "PCM Playback Volume", false},
+};
+static_assert(UacMixer::kSwitchNumid == 3 && UacMixer::kVolumeNumid == 4, "the controls are added in numid order");
+
+} // namespace
+
+KernelMixer::KernelMixer()
+{
+    fd_ = open(kControlNode, O_RDWR | O_CLOEXEC);
+    if (fd_ < 0) {
+        error_ = std::string("open ") + kControlNode + ": " + std::strerror(errno);
+        return;
+    }
+    for (const ControlSpec &spec : kControls) {
+        snd_ctl_elem_info info{};
+        info.id.numid = spec.numid;
+        if (ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_INFO, &info) == 0) {
+            if (std::strcmp(reinterpret_cast<const char *>(info.id.name), spec.name) != 0) {
+                error_ = "card 2 has another control at numid " + std::to_string(spec.numid);
+                return;
+            }
+            continue;
+        }
+        info = snd_ctl_elem_info{};
+        info.id.iface = SNDRV_CTL_ELEM_IFACE_MIXER;
+        std::strncpy(reinterpret_cast<char *>(info.id.name), spec.name, sizeof info.id.name - 1);
+        info.type = spec.boolean ? SNDRV_CTL_ELEM_TYPE_BOOLEAN : SNDRV_CTL_ELEM_TYPE_INTEGER;
+        info.access = SNDRV_CTL_ELEM_ACCESS_READWRITE;
+        info.count = 1;
+        info.value.integer.min = 0;
+        info.value.integer.max = spec.boolean ? 1 : kVolumeMax;
+        info.value.integer.step = spec.boolean ? 0 : 1;
+        if (ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_ADD, &info) != 0) {
+            error_ = std::string("add ") + spec.name + ": " + std::strerror(errno);
+            return;
+        }
+        if (info.id.numid != spec.numid) {
+            error_ = std::string(spec.name) + " got numid " + std::to_string(info.id.numid) + ", not " +
+                     std::to_string(spec.numid);
+            return;
+        }
+    }
+    if (!setSwitchValue(1) || !setVolume(0))
+        error_ = std::string("cannot set the controls: ") + std::strerror(errno);
+}
+
+KernelMixer::~KernelMixer()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+long KernelMixer::read(unsigned numid) const
+{
+    snd_ctl_elem_value value{};
+    value.id.numid = numid;
+    if (ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_READ, &value) != 0)
+        return -1;
+    return value.value.integer.value[0];
+}
+
+bool KernelMixer::write(unsigned numid, long v)
+{
+    snd_ctl_elem_value value{};
+    value.id.numid = numid;
+    value.value.integer.value[0] = v;
+    return ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_WRITE, &value) == 0;
+}
+
+long KernelMixer::switchValue() const { return read(UacMixer::kSwitchNumid); }
+long KernelMixer::volume() const { return read(UacMixer::kVolumeNumid); }
+bool KernelMixer::setSwitchValue(long value) { return write(UacMixer::kSwitchNumid, value); }
+bool KernelMixer::setVolume(long value) { return write(UacMixer::kVolumeNumid, value); }
+
+} // namespace sim::kernel
