@@ -18,40 +18,40 @@ namespace sim::kernel {
 namespace {
 
 constexpr const char *kControlNode = "/dev/snd/controlC2";
-// 256 steps per dB from -65 dB (0) to 0 dB.
-constexpr long kVolumeMax = 65 * 256;
-
-struct ControlSpec {
-    unsigned numid;
-    const char *name;
-    bool boolean;
-};
-
-// In the order they are added: a card without controls numbers them from 1.
-constexpr ControlSpec kControls[] = {
-    {1, "Headset Capture Switch", true},
-    {2, "Headset Capture Volume", false},
-    {UacMixer::kSwitchNumid, "PCM Playback Switch", true},
-    {UacMixer::kVolumeNumid, "PCM Playback Volume", false},
-};
-static_assert(UacMixer::kSwitchNumid == 3 && UacMixer::kVolumeNumid == 4, "the controls are added in numid order");
 
 } // namespace
 
 KernelMixer::KernelMixer()
 {
+    if (!addControls())
+        return;
     fd_ = open(kControlNode, O_RDWR | O_CLOEXEC);
     if (fd_ < 0) {
         error_ = std::string("open ") + kControlNode + ": " + std::strerror(errno);
         return;
     }
-    for (const ControlSpec &spec : kControls) {
+    if (!setSwitchValue(1) || !setVolume(0))
+        error_ = std::string("cannot set the controls: ") + std::strerror(errno);
+}
+
+// The file that adds a user-defined control owns it, and the kernel
+// refuses writes from any other file while it is open: the controls are
+// added through a descriptor of their own, closed at once.
+bool KernelMixer::addControls()
+{
+    const int fd = open(kControlNode, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        error_ = std::string("open ") + kControlNode + ": " + std::strerror(errno);
+        return false;
+    }
+    for (const UacMixer::Control &spec : UacMixer::kControls) {
         snd_ctl_elem_info info{};
         info.id.numid = spec.numid;
-        if (ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_INFO, &info) == 0) {
+        if (ioctl(fd, SNDRV_CTL_IOCTL_ELEM_INFO, &info) == 0) {
             if (std::strcmp(reinterpret_cast<const char *>(info.id.name), spec.name) != 0) {
                 error_ = "card 2 has another control at numid " + std::to_string(spec.numid);
-                return;
+                close(fd);
+                return false;
             }
             continue;
         }
@@ -61,21 +61,23 @@ KernelMixer::KernelMixer()
         info.type = spec.boolean ? SNDRV_CTL_ELEM_TYPE_BOOLEAN : SNDRV_CTL_ELEM_TYPE_INTEGER;
         info.access = SNDRV_CTL_ELEM_ACCESS_READWRITE;
         info.count = 1;
-        info.value.integer.min = 0;
-        info.value.integer.max = spec.boolean ? 1 : kVolumeMax;
+        info.value.integer.min = spec.min;
+        info.value.integer.max = spec.max;
         info.value.integer.step = spec.boolean ? 0 : 1;
-        if (ioctl(fd_, SNDRV_CTL_IOCTL_ELEM_ADD, &info) != 0) {
+        if (ioctl(fd, SNDRV_CTL_IOCTL_ELEM_ADD, &info) != 0) {
             error_ = std::string("add ") + spec.name + ": " + std::strerror(errno);
-            return;
+            close(fd);
+            return false;
         }
         if (info.id.numid != spec.numid) {
             error_ = std::string(spec.name) + " got numid " + std::to_string(info.id.numid) + ", not " +
                      std::to_string(spec.numid);
-            return;
+            close(fd);
+            return false;
         }
     }
-    if (!setSwitchValue(1) || !setVolume(0))
-        error_ = std::string("cannot set the controls: ") + std::strerror(errno);
+    close(fd);
+    return true;
 }
 
 KernelMixer::~KernelMixer()

@@ -2,10 +2,11 @@
  * The USB audio mixer on the kernel board: sound card 2 (snd-virmidi,
  * loaded by scripts/kernel-vm with index=2, has no controls of its own)
  * given user-defined controls (SNDRV_CTL_IOCTL_ELEM_ADD) so that the
- * numeric ids the module addresses are the mixer's: 1 and 2 the capture
- * pair of a USB headset card, 3 the playback switch and 4 the playback
- * volume (256 steps per dB, 0 = -65 dB). The kernel keeps the values;
- * the test reads and sets them through the same control device.
+ * numeric ids the module addresses are the mixer's: the controls and
+ * ranges of the virtual board's mixer (UacMixer::kControls), 3 the
+ * playback switch and 4 the playback volume. The kernel keeps the values
+ * and checks writes against the ranges; the test reads and sets them
+ * through the same control device.
  *
  * Controls outlive the program that added them, so a later test of the
  * same machine finds them in place and only puts the values back.
@@ -34,6 +35,7 @@ public:
     bool setVolume(long value);
 
 private:
+    bool addControls();
     long read(unsigned numid) const;
     bool write(unsigned numid, long value);
 
