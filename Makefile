@@ -1,8 +1,8 @@
 # Quick start on a fresh Debian 12 machine:
 #   make run    install what is missing, build, open the console on the virtual board
-#   make test   install what is missing, build, run the whole suite: plain, ThreadSanitizer,
-#               ASan+UBSan, the unit tests built for 32-bit ARM under qemu-user, and a short
-#               libFuzzer run of every harness
+#   make test   install what is missing, build, run the whole suite: plain, the kernel tests
+#               in a VM, ThreadSanitizer, ASan+UBSan, the unit tests built for 32-bit ARM under
+#               qemu-user, and a short libFuzzer run of every harness
 PRESET ?= default
 JOBS ?= 2
 # Tests at once: board tests mostly wait on the models, so more than cores.
@@ -36,7 +36,7 @@ run: build
 test: deps
 	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
 
-suites: test-default test-tsan test-asan test-arm fuzz-smoke
+suites: test-default test-kernel test-tsan test-asan test-arm fuzz-smoke
 
 # The order of the builds and of the suites, within `make test` only;
 # there `deps` has run once before.
