@@ -444,14 +444,36 @@ int UsbDevice::handle(IoctlCall &call, int *err)
     return -1;
 }
 
+// How many bytes of `bytes` (device descriptor, then the configuration)
+// the kernel keeps: its configuration parse stops at a descriptor shorter
+// than 2 bytes or running past the configuration's end ("skipping
+// remainder of the config"), and usbfs then leaves the rest of the
+// caller's buffer as it was while still counting it.
+static size_t keptByTheKernel(const std::vector<uint8_t> &bytes)
+{
+    size_t at = USB_DT_DEVICE_SIZE;
+    if (bytes.size() < at + USB_DT_CONFIG_SIZE || bytes[at + 1] != USB_DT_CONFIG)
+        return bytes.size();
+    const size_t end = bytes.size();
+    at += std::max<size_t>(bytes[at], 2);
+    while (at + 2 <= end) {
+        const size_t length = bytes[at];
+        if (length < 2 || at + length > end)
+            return at;
+        at += length;
+    }
+    return at; // a last byte too short for a descriptor head is not kept either
+}
+
 int UsbDevice::handleRead(IoctlCall &call, int *err)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (failNow(Transfer::Read, err))
         return -1;
     const size_t n = std::min(call.bufferSize(), descriptors_.size());
-    if (n > 0)
-        std::memcpy(call.buffer(), descriptors_.data(), n);
+    const size_t written = std::min(n, keptByTheKernel(descriptors_));
+    if (written > 0)
+        std::memcpy(call.buffer(), descriptors_.data(), written);
     return static_cast<int>(n);
 }
 

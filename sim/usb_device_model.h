@@ -6,7 +6,10 @@
  * What the node answers, as the kernel's usbfs does:
  *  - read(): the device descriptor followed by the configuration
  *    descriptor with its interfaces and endpoints (or raw descriptor bytes
- *    set by the test); every read starts at the first byte;
+ *    set by the test); every read starts at the first byte. As the
+ *    kernel's usbfs does, the bytes from a descriptor shorter than 2 bytes
+ *    or running past the configuration's end onwards are counted but not
+ *    written: the caller's buffer keeps what it held there;
  *  - USBDEVFS_CLAIMINTERFACE / USBDEVFS_RELEASEINTERFACE: claim state per
  *    interface (ENOENT for an interface the device does not have, EINVAL
  *    to release one that is not claimed);

@@ -129,8 +129,17 @@ void GadgetfsDevice::events()
         for (size_t i = 0; i < static_cast<size_t>(n) / sizeof events[0]; ++i) {
             if (events[i].type != GADGETFS_SETUP)
                 continue;
-            // Stalled: answered in the direction opposite to the request's.
-            if (events[i].u.setup.bRequestType & USB_DIR_IN)
+            const usb_ctrlrequest &setup = events[i].u.setup;
+            // gadgetfs took SET_CONFIGURATION and SET_INTERFACE already and
+            // waits for the status stage, which may not be stalled.
+            if ((setup.bRequestType & USB_TYPE_MASK) == USB_TYPE_STANDARD &&
+                (setup.bRequest == USB_REQ_SET_CONFIGURATION || setup.bRequest == USB_REQ_SET_INTERFACE)) {
+                (void)!read(ep0_, nullptr, 0);
+                continue;
+            }
+            // Anything else is stalled: answered in the direction opposite
+            // to the request's.
+            if (setup.bRequestType & USB_DIR_IN)
                 (void)!read(ep0_, nullptr, 0);
             else
                 (void)!write(ep0_, nullptr, 0);

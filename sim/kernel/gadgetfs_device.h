@@ -7,9 +7,10 @@
  * device, so what its usbfs node reads back is what the kernel kept.
  *
  * gadgetfs takes the first free device controller; only one such device
- * at a time. It answers the standard requests itself; every request it
- * hands over (strings, vendor requests) is stalled, so give no string
- * indices. Threads: one reads the control endpoint's events.
+ * at a time. It answers the standard requests itself and completes the
+ * configuration it hands over; every other request it hands over
+ * (strings, vendor requests) is stalled, so give no string indices.
+ * Threads: one reads the control endpoint's events.
  */
 #pragma once
 

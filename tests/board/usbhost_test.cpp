@@ -479,6 +479,34 @@ TEST(UsbHost, AWaitingBulkInEndsWithTheDevice)
     usb_device_close(device);
 }
 
+// As the kernel's usbfs does (kernel.KernelDescriptorLayout.* show it):
+// from a descriptor the configuration parse cannot take on (a zero length
+// here), the bytes are counted but not written, so the reader's buffer
+// keeps what it held there.
+TEST(UsbHost, BytesFromABrokenDescriptorOnAreCountedButNotWritten)
+{
+    sim::Board board;
+    sim::UsbDeviceDescription d = converter();
+    sim::UsbInterface interface = d.interfaces[0];
+    std::vector<uint8_t> body = sim::usbInterfaceDescriptor(interface);
+    for (const auto &part : {sim::usbEndpointDescriptor(interface.endpoints[0]), std::vector<uint8_t>{0, 5},
+                             sim::usbEndpointDescriptor(interface.endpoints[1])})
+        body.insert(body.end(), part.begin(), part.end());
+    const std::vector<uint8_t> raw = sim::usbDescriptorsListing(d, body);
+    sim::UsbDevice conv(board, d);
+    conv.setRawDescriptors(raw);
+    const int fd = open(conv.devnode().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    std::vector<uint8_t> buf(256, 0xEE);
+    EXPECT_EQ(read(fd, buf.data(), buf.size()), static_cast<ssize_t>(raw.size()));
+    close(fd);
+    const size_t kept = 18 + 9 + 9 + 7; // up to the zero length
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + static_cast<long>(kept)),
+              std::vector<uint8_t>(raw.begin(), raw.begin() + static_cast<long>(kept)));
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin() + static_cast<long>(kept), buf.begin() + static_cast<long>(raw.size())),
+              std::vector<uint8_t>(raw.size() - kept, 0xEE));
+}
+
 TEST(UsbHost, TransfersFailOnDemandAndOnUnknownEndpoints)
 {
     sim::Board board;
