@@ -44,12 +44,12 @@ bool KernelMixer::addControls()
         error_ = std::string("open ") + kControlNode + ": " + std::strerror(errno);
         return false;
     }
-    for (const UacMixer::Control &spec : UacMixer::kControls) {
+    for (const UacMixer::Control &control : UacMixer::kControls) {
         snd_ctl_elem_info info{};
-        info.id.numid = spec.numid;
+        info.id.numid = control.numid;
         if (ioctl(fd, SNDRV_CTL_IOCTL_ELEM_INFO, &info) == 0) {
-            if (std::strcmp(reinterpret_cast<const char *>(info.id.name), spec.name) != 0) {
-                error_ = "card 2 has another control at numid " + std::to_string(spec.numid);
+            if (std::strcmp(reinterpret_cast<const char *>(info.id.name), control.name) != 0) {
+                error_ = "card 2 has another control at numid " + std::to_string(control.numid);
                 close(fd);
                 return false;
             }
@@ -57,21 +57,21 @@ bool KernelMixer::addControls()
         }
         info = snd_ctl_elem_info{};
         info.id.iface = SNDRV_CTL_ELEM_IFACE_MIXER;
-        std::strncpy(reinterpret_cast<char *>(info.id.name), spec.name, sizeof info.id.name - 1);
-        info.type = spec.boolean ? SNDRV_CTL_ELEM_TYPE_BOOLEAN : SNDRV_CTL_ELEM_TYPE_INTEGER;
+        std::strncpy(reinterpret_cast<char *>(info.id.name), control.name, sizeof info.id.name - 1);
+        info.type = control.boolean ? SNDRV_CTL_ELEM_TYPE_BOOLEAN : SNDRV_CTL_ELEM_TYPE_INTEGER;
         info.access = SNDRV_CTL_ELEM_ACCESS_READWRITE;
         info.count = 1;
-        info.value.integer.min = spec.min;
-        info.value.integer.max = spec.max;
-        info.value.integer.step = spec.boolean ? 0 : 1;
+        info.value.integer.min = control.min;
+        info.value.integer.max = control.max;
+        info.value.integer.step = control.boolean ? 0 : 1;
         if (ioctl(fd, SNDRV_CTL_IOCTL_ELEM_ADD, &info) != 0) {
-            error_ = std::string("add ") + spec.name + ": " + std::strerror(errno);
+            error_ = std::string("add ") + control.name + ": " + std::strerror(errno);
             close(fd);
             return false;
         }
-        if (info.id.numid != spec.numid) {
-            error_ = std::string(spec.name) + " got numid " + std::to_string(info.id.numid) + ", not " +
-                     std::to_string(spec.numid);
+        if (info.id.numid != control.numid) {
+            error_ = std::string(control.name) + " got numid " + std::to_string(info.id.numid) + ", not " +
+                     std::to_string(control.numid);
             close(fd);
             return false;
         }
