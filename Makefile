@@ -1,9 +1,9 @@
 # Quick start on a fresh Debian 12 machine:
 #   make run    install what is missing, build, open the console on the virtual board
-#   make test   install what is missing, build, run the whole suite: plain, ThreadSanitizer,
-#               ASan+UBSan, the unit tests and part of the board tests built for 32-bit ARM
-#               under qemu-user, the device build check, and a short libFuzzer run of every
-#               harness
+#   make test   install what is missing, build, run the whole suite: plain, the kernel tests
+#               in a VM, ThreadSanitizer, ASan+UBSan, the unit tests and part of the board tests
+#               built for 32-bit ARM under qemu-user, the device build check, and a short
+#               libFuzzer run of every harness
 PRESET ?= default
 JOBS ?= 2
 # Tests at once: board tests mostly wait on the models, so more than cores.
@@ -12,7 +12,7 @@ TEST_JOBS ?= 4
 # summed test time is about 1.3 times the plain suite's), so as many at once.
 TSAN_JOBS ?= 4
 
-.PHONY: all deps build run test suites test-default test-asan test-arm test-arm-full test-tsan device-check bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
+.PHONY: all deps build run test suites test-default test-asan test-arm test-arm-full test-tsan test-kernel device-check bench soak fuzz fuzz-build fuzz-smoke fuzz-coverage clean \
 	built-default built-asan built-tsan built-arm built-fuzz
 
 all: build
@@ -39,7 +39,7 @@ run: build
 test: deps
 	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
 
-suites: test-default test-tsan test-asan test-arm fuzz-smoke device-check
+suites: test-default test-kernel test-tsan test-asan test-arm fuzz-smoke device-check
 
 # The order of the builds and of the suites, within `make test` only;
 # there `deps` has run once before.
@@ -75,6 +75,14 @@ test-default: built-default
 # UBSan cover.
 test-tsan: built-tsan $(call after,test-default)
 	ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
+
+# The module against the real Linux kernel: the kernel tests (ctest label
+# "kernel") of build/default run inside the VM of scripts/kernel-vm, one
+# at a time, against the kernel board. A VM that cannot start fails the
+# stage with its reason.
+KERNEL_VM_TIMEOUT ?= 1500
+test-kernel: built-default $(call after,test-default)
+	scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
 
 test-asan: built-asan $(call after,test-tsan)
 	ctest --preset asan -j$(TEST_JOBS)

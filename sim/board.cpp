@@ -819,6 +819,7 @@ struct Deferrals {
         Clock::time_point due;
         std::shared_ptr<PendingCall> call;
         int result;
+        int err;
     };
     std::mutex mutex;              // guards entries and stopping
     std::condition_variable wake;  // new entry or stop
@@ -826,12 +827,12 @@ struct Deferrals {
     bool stopping = false;
     std::thread thread;            // the expiry thread
 
-    void add(std::shared_ptr<PendingCall> call, Clock::time_point due, int result)
+    void add(std::shared_ptr<PendingCall> call, Clock::time_point due, int result, int err)
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping)
             return;
-        entries.push_back({due, std::move(call), result});
+        entries.push_back({due, std::move(call), result, err});
         if (!thread.joinable())
             thread = std::thread([this] {
                 pthread_setname_np(pthread_self(), "avm-expiry");
@@ -860,7 +861,7 @@ struct Deferrals {
             if (!expired.empty()) {
                 lock.unlock();
                 for (auto &entry : expired)
-                    entry.call->complete(entry.result);
+                    entry.call->complete(entry.result, entry.err);
                 expired.clear();
                 lock.lock();
                 continue;
@@ -882,12 +883,12 @@ struct Deferrals {
     }
 };
 
-std::shared_ptr<PendingCall> IoctlCall::defer(std::chrono::milliseconds expireAfter, int expireResult)
+std::shared_ptr<PendingCall> IoctlCall::defer(std::chrono::milliseconds expireAfter, int expireResult, int expireErr)
 {
     deferred_ = true;
     auto pending = std::make_shared<PendingCall>(client_, kind_ == Kind::Read);
     if (expireAfter.count() > 0 && deferrals_)
-        deferrals_->add(pending, Clock::now() + expireAfter, expireResult);
+        deferrals_->add(pending, Clock::now() + expireAfter, expireResult, expireErr);
     return pending;
 }
 
@@ -921,6 +922,16 @@ void PendingCall::complete(int result, int err)
     if (done_.exchange(true))
         return;
     umockdev_ioctl_client_complete(client_, result, result >= 0 ? 0 : (err ? err : EIO));
+}
+
+bool PendingCall::completeWith(const std::function<int(int *err)> &fill)
+{
+    if (done_.exchange(true))
+        return false;
+    int err = 0;
+    const int result = fill(&err);
+    umockdev_ioctl_client_complete(client_, result, result >= 0 ? 0 : (err ? err : EIO));
+    return true;
 }
 
 // ---------------------------------------------------------------- IoctlNode

@@ -201,6 +201,11 @@ public:
     uint8_t *buffer();
     size_t bufferSize() const;
     void complete(int result, int err = 0);
+    // Completes the call with what `fill` returns (a byte count, or -1
+    // with *err set), `fill` having written the answer into the call's
+    // memory first. False, with `fill` not run, when the call was
+    // completed already (it expired, say).
+    bool completeWith(const std::function<int(int *err)> &fill);
     bool completed() const { return done_; }
 
 private:
@@ -241,10 +246,11 @@ public:
     // serves other nodes meanwhile, but the module's descriptor is busy:
     // another call on the same descriptor waits until this one completes.
     // With expireAfter > 0 the call completes by itself with expireResult
-    // when nobody answered it in time (a read that returns nothing lets a
-    // module thread write on the same descriptor).
+    // (and expireErr, for a negative result) when nobody answered it in
+    // time: a read that returns nothing lets a module thread write on the
+    // same descriptor; a transfer ends by its time-out.
     std::shared_ptr<PendingCall> defer(std::chrono::milliseconds expireAfter = std::chrono::milliseconds(0),
-                                       int expireResult = 0);
+                                       int expireResult = 0, int expireErr = 0);
     bool deferred() const { return deferred_; }
 
 private:

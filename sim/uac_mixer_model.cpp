@@ -49,8 +49,11 @@ int UacMixer::handle(IoctlCall &call, int *err)
         const unsigned numid = elem->id.numid;
         const int refused = isWrite ? refuseWrites_ : refuseReads_;
         long *slot = numid == kSwitchNumid ? &switch_ : numid == kVolumeNumid ? &volume_ : nullptr;
-        if (refused != 0 || slot == nullptr) {
-            *err = refused != 0 ? refused : ENOENT;
+        const long value = elem->value.integer.value[0];
+        const Control &control = kControls[numid - 1]; // numbered from 1 (a slot is 3 or 4)
+        const bool outOfRange = isWrite && slot != nullptr && (value < control.min || value > control.max);
+        if (refused != 0 || slot == nullptr || outOfRange) {
+            *err = refused != 0 ? refused : slot == nullptr ? ENOENT : EINVAL;
             result = -1;
             calls_.push_back({isWrite, numid, elem->value.integer.value[0]});
             note = std::string(isWrite ? "ELEM_WRITE" : "ELEM_READ") + " numid=" +

@@ -177,13 +177,18 @@ void UsbDevice::setRawDescriptors(std::vector<uint8_t> bytes)
 
 void UsbDevice::unplug()
 {
+    std::vector<WaitingIn> waiting;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!plugged_)
             return;
         plugged_ = false;
         claims_.clear();
+        waiting.swap(waiting_);
     }
+    // Transfers waiting for data end with the device.
+    for (auto &w : waiting)
+        w.call->complete(-1, ENODEV);
     board_.removeNode(devnode_);
     trace(false, "unplugged");
 }
@@ -293,8 +298,53 @@ void UsbDevice::setTraceBulk(bool on)
 
 void UsbDevice::queueIn(uint8_t endpoint, std::vector<uint8_t> bytes)
 {
+    BulkTransfer record;
+    BulkObserver observer;
+    bool traced = true;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!answerWaiting(endpoint, bytes, record)) {
+            inQueues_[endpoint].push_back(std::move(bytes));
+            return;
+        }
+        observer = observer_;
+        traced = traceBulk_;
+    }
+    finishBulk(record, traced, observer);
+}
+
+bool UsbDevice::answerWaiting(uint8_t endpoint, std::vector<uint8_t> &bytes, BulkTransfer &record)
+{
+    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
+                                  [](const WaitingIn &w) { return w.call->completed(); }),
+                   waiting_.end());
+    for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
+        if (it->endpoint != endpoint)
+            continue;
+        const WaitingIn waiting = *it;
+        const size_t n = std::min(bytes.size(), waiting.length);
+        const bool taken = waiting.call->completeWith([&](int *) {
+            if (n > 0)
+                std::memcpy(waiting.data, bytes.data(), n);
+            return static_cast<int>(n);
+        });
+        waiting_.erase(it);
+        if (!taken)
+            return answerWaiting(endpoint, bytes, record); // it had just expired
+        record.when = Clock::now();
+        record.endpoint = endpoint;
+        record.claimed = waiting.claimed;
+        record.bytes.assign(bytes.begin(), bytes.begin() + static_cast<long>(n));
+        return true;
+    }
+    return false;
+}
+
+size_t UsbDevice::waitingIn() const
+{
     std::lock_guard<std::mutex> lock(mutex_);
-    inQueues_[endpoint].push_back(std::move(bytes));
+    return static_cast<size_t>(std::count_if(waiting_.begin(), waiting_.end(),
+                                             [](const WaitingIn &w) { return !w.call->completed(); }));
 }
 
 size_t UsbDevice::queuedIn(uint8_t endpoint) const
@@ -394,14 +444,36 @@ int UsbDevice::handle(IoctlCall &call, int *err)
     return -1;
 }
 
+// How many bytes of `bytes` (device descriptor, then the configuration)
+// the kernel keeps: its configuration parse stops at a descriptor shorter
+// than 2 bytes or running past the configuration's end ("skipping
+// remainder of the config"), and usbfs then leaves the rest of the
+// caller's buffer as it was while still counting it.
+static size_t keptByTheKernel(const std::vector<uint8_t> &bytes)
+{
+    size_t at = USB_DT_DEVICE_SIZE;
+    if (bytes.size() < at + USB_DT_CONFIG_SIZE || bytes[at + 1] != USB_DT_CONFIG)
+        return bytes.size();
+    const size_t end = bytes.size();
+    at += std::max<size_t>(bytes[at], 2);
+    while (at + 2 <= end) {
+        const size_t length = bytes[at];
+        if (length < 2 || at + length > end)
+            return at;
+        at += length;
+    }
+    return at; // a last byte too short for a descriptor head is not kept either
+}
+
 int UsbDevice::handleRead(IoctlCall &call, int *err)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (failNow(Transfer::Read, err))
         return -1;
     const size_t n = std::min(call.bufferSize(), descriptors_.size());
-    if (n > 0)
-        std::memcpy(call.buffer(), descriptors_.data(), n);
+    const size_t written = std::min(n, keptByTheKernel(descriptors_));
+    if (written > 0)
+        std::memcpy(call.buffer(), descriptors_.data(), written);
     return static_cast<int>(n);
 }
 
@@ -604,9 +676,16 @@ int UsbDevice::handleBulk(IoctlCall &call, int *err)
                 } else if (inHandler_) {
                     inHandler = inHandler_;
                 } else {
-                    // Nothing to send: as if the time-out had passed.
-                    *err = ETIMEDOUT;
-                    result = -1;
+                    // Nothing to send yet: the transfer waits for data or
+                    // for its time-out, as the kernel holds it.
+                    WaitingIn waiting;
+                    waiting.call = call.defer(std::chrono::milliseconds(bulk->timeout), -1, ETIMEDOUT);
+                    waiting.endpoint = endpoint;
+                    waiting.data = data;
+                    waiting.length = length;
+                    waiting.claimed = record.claimed;
+                    waiting_.push_back(std::move(waiting));
+                    return IoctlNode::kDeferred;
                 }
             }
         }
@@ -630,27 +709,33 @@ int UsbDevice::handleBulk(IoctlCall &call, int *err)
         }
     }
     if (result < 0) {
-        // Quiet: an idle IN endpoint answers ETIMEDOUT many times a second.
-        if (traced && *err != ETIMEDOUT)
+        if (traced)
             trace(!in, std::string(in ? "BULK IN " : "BULK OUT ") + hex8(endpoint) + " failed errno=" +
                            std::to_string(*err));
         return -1;
     }
     if (in && result > 0)
         std::memcpy(data, record.bytes.data(), static_cast<size_t>(result));
+    finishBulk(record, traced, observer);
+    return result;
+}
+
+void UsbDevice::finishBulk(const BulkTransfer &record, bool traced, const BulkObserver &observer)
+{
+    const bool in = record.endpoint & USB_DIR_IN;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         bulk_.push_back(record);
     }
     if (traced)
         trace(!in,
-              std::string(in ? "BULK IN " : "BULK OUT ") + hex8(endpoint) + " " + std::to_string(result) +
+              std::string(in ? "BULK IN " : "BULK OUT ") + hex8(record.endpoint) + " " +
+                  std::to_string(record.bytes.size()) +
                   " bytes: " + hex(record.bytes.data(), std::min(record.bytes.size(), kTraceBytes)) +
                   (record.bytes.size() > kTraceBytes ? " ..." : ""),
               record.bytes.data(), record.bytes.size());
     if (observer)
         observer(record);
-    return result;
 }
 
 } // namespace sim

@@ -6,7 +6,10 @@
  * What the node answers, as the kernel's usbfs does:
  *  - read(): the device descriptor followed by the configuration
  *    descriptor with its interfaces and endpoints (or raw descriptor bytes
- *    set by the test); every read starts at the first byte;
+ *    set by the test); every read starts at the first byte. As the
+ *    kernel's usbfs does, the bytes from a descriptor shorter than 2 bytes
+ *    or running past the configuration's end onwards are counted but not
+ *    written: the caller's buffer keeps what it held there;
  *  - USBDEVFS_CLAIMINTERFACE / USBDEVFS_RELEASEINTERFACE: claim state per
  *    interface (ENOENT for an interface the device does not have, EINVAL
  *    to release one that is not claimed);
@@ -16,18 +19,20 @@
  *    every control transfer is recorded;
  *  - USBDEVFS_BULK: OUT transfers captured with their time, IN transfers
  *    answered from a queue per endpoint or by a handler. An IN transfer
- *    with nothing to answer fails at once with ETIMEDOUT (see below);
- *    ENOENT for an endpoint the device does not have.
+ *    with nothing to answer waits, as the kernel holds it: data queued
+ *    meanwhile ends it at once, otherwise it fails with ETIMEDOUT when
+ *    its time-out has passed (a time-out of 0 waits for data however
+ *    long); ENOENT for an endpoint the device does not have.
  * Transfers fail on demand (an errno for the next n calls of a kind, or
  * until cleared). Unplugging takes the node out of its bus directory (the
  * device is not listed, opens fail with ENOENT) and fails every later call
  * on a descriptor still open with ENODEV, as the kernel does; replugging
  * puts it back under the same name, unclaimed.
  *
- * umockdev serves one call per descriptor at a time: a bulk IN that waited
- * for its whole time-out would hold back the OUT transfers another thread
- * of the module makes on the same descriptor. So an IN with nothing queued
- * answers at once with ETIMEDOUT, as if its time-out had passed.
+ * umockdev serves one call per descriptor at a time, so a waiting IN
+ * would hold back the OUT transfers another thread of the module makes on
+ * the same descriptor; the board's preload shim (sim/preload) sends bulk
+ * IN transfers through a second descriptor of the node for that reason.
  *
  * Threads: the handler runs on umockdev's worker thread; tests and the
  * console call the setters and read the records from their own threads.
@@ -177,9 +182,12 @@ public:
     void setTraceBulk(bool on);
 
     // Bulk IN answers: queued per endpoint, each answer one transfer (cut
-    // to the length the host asks for).
+    // to the length the host asks for); a transfer waiting on the endpoint
+    // takes it at once.
     void queueIn(uint8_t endpoint, std::vector<uint8_t> bytes);
     size_t queuedIn(uint8_t endpoint) const;
+    // Bulk IN transfers waiting for data now.
+    size_t waitingIn() const;
     void setInHandler(InHandler handler);
 
     // Failures: the next `count` calls of `kind` fail with `err`;
@@ -193,6 +201,15 @@ private:
         int remaining = 0; // < 0: until cleared
     };
 
+    // A bulk IN transfer waiting for data.
+    struct WaitingIn {
+        std::shared_ptr<PendingCall> call;
+        uint8_t endpoint = 0;
+        uint8_t *data = nullptr; // the host's buffer, valid until the call completes
+        size_t length = 0;
+        bool claimed = false;
+    };
+
     int handle(IoctlCall &call, int *err);
     int handleRead(IoctlCall &call, int *err);
     int handleClaim(IoctlCall &call, bool claim, int *err);
@@ -203,6 +220,12 @@ private:
     const UsbEndpoint *findEndpoint(uint8_t address, const UsbInterface **owner) const;
     bool standardDescriptor(const ControlTransfer &setup, std::vector<uint8_t> &answer, int *err) const;
     void trace(bool toDevice, const std::string &note, const uint8_t *bytes = nullptr, size_t size = 0);
+    // Records, traces and reports a bulk transfer that succeeded.
+    void finishBulk(const BulkTransfer &record, bool traced, const BulkObserver &observer);
+    // Under mutex_: ends waiting IN transfers that expired or were
+    // answered, and hands `bytes` to the first one waiting on `endpoint`.
+    // False when none took them.
+    bool answerWaiting(uint8_t endpoint, std::vector<uint8_t> &bytes, BulkTransfer &record);
 
     Board &board_;
     const UsbDeviceDescription description_;
@@ -224,6 +247,7 @@ private:
     BulkObserver observer_;
     bool traceBulk_ = true;
     std::map<Transfer, Failure> failures_;
+    std::vector<WaitingIn> waiting_;                   // IN transfers waiting for data
 
     std::unique_ptr<IoctlNode> node_; // last: the handler may run as soon as it exists
 };

@@ -19,16 +19,29 @@
  *    each failed open of a /dev path that reached umockdev, this shim
  *    closes -1 once, which frees exactly the entry that open added (or
  *    nothing when it added none).
+ *
+ * 3. umockdev serves one call per descriptor at a time: while a call on a
+ *    descriptor waits for its answer, the next call on the same
+ *    descriptor waits too. The kernel holds a bulk IN transfer until data
+ *    comes or its time-out passes while other threads' transfers on the
+ *    same descriptor go on, and the module relies on that (the HDMI-out
+ *    reader waits on IN while data goes OUT). So a bulk IN on a usbfs
+ *    descriptor goes through a second descriptor of the same node, opened
+ *    on first need and closed with the program's own (or, when a transfer
+ *    is still under way on it, as soon as that transfer ends).
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/usbdevice_fs.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -91,12 +104,144 @@ static void release_failed_open(const char *path, int ret)
     errno = saved;
 }
 
+/* ---- second descriptors for bulk IN transfers (job 3) */
+
+#define USBFS_PREFIX "/dev/bus/usb/"
+#define MAX_CHANNELS 1024
+
+typedef int (*open_fn)(const char *, int, ...);
+typedef int (*close_fn)(int);
+typedef int (*ioctl_fn)(int, unsigned long, ...);
+
+struct in_channel {
+    char path[PATH_MAX]; /* the usbfs node the program opened */
+    int second;          /* descriptor for its bulk IN transfers, -1 until needed */
+    int busy;            /* transfers under way on `second` */
+    int orphaned;        /* the program closed its descriptor */
+};
+
+static struct in_channel *channels[MAX_CHANNELS]; /* by the program's descriptor */
+static pthread_mutex_t channels_lock = PTHREAD_MUTEX_INITIALIZER;
+static void *next_open_fn, *next_close_fn, *next_ioctl_fn;
+
+static void track_usbfs(const char *path, int fd)
+{
+    if (fd < 0 || fd >= MAX_CHANNELS || path == NULL || strncmp(path, USBFS_PREFIX, strlen(USBFS_PREFIX)) != 0)
+        return;
+    struct in_channel *ch = calloc(1, sizeof *ch);
+    if (ch == NULL)
+        return;
+    snprintf(ch->path, sizeof ch->path, "%s", path);
+    ch->second = -1;
+    pthread_mutex_lock(&channels_lock);
+    struct in_channel *old = channels[fd];
+    channels[fd] = ch;
+    pthread_mutex_unlock(&channels_lock);
+    free(old); /* a descriptor closed behind our back: its second is lost */
+}
+
+/* Under channels_lock: frees a channel nobody uses any more. */
+static void drop_channel(struct in_channel *ch)
+{
+    const close_fn fn = (close_fn)next_symbol(&next_close_fn, "close");
+    if (ch->second >= 0 && fn != NULL)
+        fn(ch->second);
+    free(ch);
+}
+
+int close(int fd)
+{
+    const close_fn fn = (close_fn)next_symbol(&next_close_fn, "close");
+    if (fd >= 0 && fd < MAX_CHANNELS) {
+        pthread_mutex_lock(&channels_lock);
+        struct in_channel *ch = channels[fd];
+        channels[fd] = NULL;
+        if (ch != NULL) {
+            if (ch->busy > 0)
+                ch->orphaned = 1;
+            else
+                drop_channel(ch);
+        }
+        pthread_mutex_unlock(&channels_lock);
+    }
+    if (fn == NULL) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return fn(fd);
+}
+
+/* The second descriptor of a usbfs descriptor, marked busy; NULL when
+ * the descriptor is not one (or no second one can be had). */
+static struct in_channel *take_second(int fd)
+{
+    if (fd < 0 || fd >= MAX_CHANNELS)
+        return NULL;
+    pthread_mutex_lock(&channels_lock);
+    struct in_channel *ch = channels[fd];
+    if (ch != NULL && ch->second < 0) {
+        /* Opened outside the lock: umockdev's open may take locks of its own. */
+        char path[PATH_MAX];
+        snprintf(path, sizeof path, "%s", ch->path);
+        pthread_mutex_unlock(&channels_lock);
+        const open_fn op = (open_fn)next_symbol(&next_open_fn, "open");
+        const int second = op != NULL ? op(path, O_RDWR | O_CLOEXEC) : -1;
+        pthread_mutex_lock(&channels_lock);
+        ch = channels[fd];
+        if (ch != NULL && ch->second < 0 && strcmp(ch->path, path) == 0) {
+            ch->second = second;
+        } else if (second >= 0) {
+            const close_fn cl = (close_fn)next_symbol(&next_close_fn, "close");
+            if (cl != NULL)
+                cl(second);
+        }
+    }
+    if (ch != NULL && ch->second >= 0)
+        ++ch->busy;
+    else
+        ch = NULL;
+    pthread_mutex_unlock(&channels_lock);
+    return ch;
+}
+
+static void give_back(struct in_channel *ch)
+{
+    pthread_mutex_lock(&channels_lock);
+    if (--ch->busy == 0 && ch->orphaned)
+        drop_channel(ch);
+    pthread_mutex_unlock(&channels_lock);
+}
+
+int ioctl(int fd, unsigned long request, ...)
+{
+    va_list ap;
+    va_start(ap, request);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    const ioctl_fn fn = (ioctl_fn)next_symbol(&next_ioctl_fn, "ioctl");
+    if (fn == NULL) {
+        errno = ENOSYS;
+        return -1;
+    }
+    if (request == (unsigned long)USBDEVFS_BULK && arg != NULL &&
+        (((const struct usbdevfs_bulktransfer *)arg)->ep & 0x80) != 0) {
+        struct in_channel *ch = take_second(fd);
+        if (ch != NULL) {
+            const int ret = fn(ch->second, request, arg);
+            const int saved = errno;
+            give_back(ch);
+            errno = saved;
+            return ret;
+        }
+    }
+    return fn(fd, request, arg);
+}
+
 static mode_t mode_arg(int flags, va_list ap)
 {
     return (flags & (O_CREAT | O_TMPFILE)) ? va_arg(ap, mode_t) : 0;
 }
 
-typedef int (*open_fn)(const char *, int, ...);
 typedef int (*open2_fn)(const char *, int);
 typedef int (*access_fn)(const char *, int);
 typedef int (*stat_fn)(const char *, struct stat *);
@@ -127,6 +272,7 @@ typedef FILE *(*fopen_fn)(const char *, const char *);
         NEXT(open_fn, name)                      \
         const int ret = fn(path, flags, mode);                           \
         release_failed_open(path, ret);                                  \
+        track_usbfs(path, ret);                                          \
         return ret;                                                      \
     }
 
@@ -140,6 +286,7 @@ typedef FILE *(*fopen_fn)(const char *, const char *);
         NEXT(open2_fn, name)                           \
         const int ret = fn(path, flags);                                 \
         release_failed_open(path, ret);                                  \
+        track_usbfs(path, ret);                                          \
         return ret;                                                      \
     }
 

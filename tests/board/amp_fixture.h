@@ -19,11 +19,16 @@
 
 namespace amptest {
 
-// Runs the one generator of made-up tuning files into the board root.
+// Runs the one generator of made-up tuning files into a board root.
+inline void generateTuningFiles(const std::string &root, const std::string &extra = "")
+{
+    const std::string cmd = "python3 '" + avmtest::sourceDir() + "/scripts/gen-tuning-files' '" + root + "' " + extra;
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+}
+
 inline void generateTuningFiles(const sim::Board &board, const std::string &extra = "")
 {
-    const std::string cmd = "python3 '" + avmtest::sourceDir() + "/scripts/gen-tuning-files' '" + board.root() + "' " + extra;
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    generateTuningFiles(board.root(), extra);
 }
 
 inline uint8_t low8(uint32_t v)

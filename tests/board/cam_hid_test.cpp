@@ -95,11 +95,13 @@ TEST_F(CamHidBoard, TheFirstNodeWithTheCamerasIdsThatTakesTheProbeIsTheCamera)
     EXPECT_TRUE(hal_hidraw_isConnect());
     EXPECT_EQ(channelPath(), "/dev/hidraw3");
     // The keyboard was asked who it is and left alone; the camera took one
-    // all-zero 64-byte report; the later node was never looked at.
+    // all-zero 64-byte report, whose first byte hidraw takes for the
+    // report number (63 bytes reach the camera); the later node was never
+    // looked at.
     EXPECT_EQ(keyboard.rawInfoRequests(), 1u);
     EXPECT_TRUE(keyboard.reportsWritten().empty());
     ASSERT_EQ(camera.reportsWritten().size(), 1u);
-    EXPECT_EQ(camera.reportsWritten()[0], std::vector<uint8_t>(64, 0));
+    EXPECT_EQ(camera.reportsWritten()[0], std::vector<uint8_t>(63, 0));
     EXPECT_EQ(twin.rawInfoRequests(), 0u);
     EXPECT_TRUE(log.contains("hidraw", "Open hidraw device succeed!\n"));
     EXPECT_EQ(log.priorityOf("hidraw", "Open hidraw device succeed!\n"), ANDROID_LOG_INFO);

@@ -21,6 +21,7 @@
 #include "camera/cam_hid.h"
 #include "camera/cam_logs.h"
 #include "camera/ptz_link.h"
+#include "cam_download.h"
 #include "camera_on_board.h"
 #include "log_capture.h"
 #include "module_on_board.h"
@@ -74,7 +75,9 @@ protected:
     avmtest::TempDir dir;
 };
 
-TEST_F(CameraLogsBoard, ThreeFilesTheThirdRefusedLandByteExactThroughSlot43)
+// Each file lands as the camera's copy followed by the zero padding of its
+// last 64-byte report.
+TEST_F(CameraLogsBoard, ThreeFilesTheThirdRefusedLandThroughSlot43WithTheLastReportsPadding)
 {
     const std::string kmsg = madeUpLog("kmsg", 3000);
     const std::string kmsg1 = madeUpLog("kmsg-old", 701);
@@ -89,8 +92,9 @@ TEST_F(CameraLogsBoard, ThreeFilesTheThirdRefusedLandByteExactThroughSlot43)
     // Each received file ends by its 8 s wait.
     EXPECT_GE(avmtest::msSince(start), 2 * 8000 - 200);
 
-    EXPECT_EQ(slurp(camLogs() + "/kmsg.log"), kmsg);
-    EXPECT_EQ(slurp(camLogs() + "/kmsg_1.log"), kmsg1);
+    EXPECT_EQ(slurp(camLogs() + "/kmsg.log"), avmtest::asDownloaded(kmsg));
+    EXPECT_EQ(slurp(camLogs() + "/kmsg.log").size(), 3038u); // 49 reports of 62 data bytes
+    EXPECT_EQ(slurp(camLogs() + "/kmsg_1.log"), avmtest::asDownloaded(kmsg1));
     EXPECT_FALSE(std::filesystem::exists(camLogs() + "/kmsg_2.log"));
     EXPECT_FALSE(std::filesystem::exists(camLogs() + "/ipcamera.log"));
     EXPECT_EQ(camera.fileRequests(), (std::vector<std::string>{kRemote + "kmsg.log", kRemote + "kmsg_1.log",

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,7 @@
 
 #include "sim/board.h"
 #include "sim/usb_device_model.h"
+#include "test_helpers.h"
 
 using namespace std::chrono_literals;
 
@@ -398,6 +400,111 @@ TEST(UsbHost, BulkInIsAnsweredFromTheQueueThenByTheHandler)
     EXPECT_EQ(conv.inRequests(), 4u);
     EXPECT_EQ(conv.bulkIn().size(), 3u);
     usb_device_close(device);
+}
+
+// As the kernel holds it: a bulk IN with nothing to read ends by its
+// time-out, not at once (kernel.KernelUsbHost.ABulkInWithNothingToReadIsHeldForItsTimeOut
+// shows the kernel doing it).
+TEST(UsbHost, ABulkInWithNothingToReadIsHeldForItsTimeOut)
+{
+    sim::Board board;
+    sim::UsbDevice conv(board, converter());
+    usb_device *device = usb_device_open(conv.devnode().c_str());
+    ASSERT_NE(device, nullptr);
+    uint8_t buf[512] = {};
+    const auto start = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(usb_device_bulk_transfer(device, 0x81, buf, sizeof buf, 700), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(avmtest::msSince(start), 690);
+    EXPECT_EQ(conv.inRequests(), 1u);
+    EXPECT_TRUE(conv.bulkIn().empty());
+    usb_device_close(device);
+}
+
+// A waiting bulk IN ends as soon as data comes, and meanwhile OUT
+// transfers on the same descriptor go through (the HDMI-out reader waits
+// on IN while the data goes OUT).
+TEST(UsbHost, AWaitingBulkInEndsWhenDataComesAndOutTransfersGoOnMeanwhile)
+{
+    sim::Board board;
+    sim::UsbDevice conv(board, converter());
+    usb_device *device = usb_device_open(conv.devnode().c_str());
+    ASSERT_NE(device, nullptr);
+    int got = 0;
+    uint8_t in[512] = {};
+    long long took = 0;
+    std::thread reader([&] {
+        const auto start = std::chrono::steady_clock::now();
+        got = usb_device_bulk_transfer(device, 0x81, in, sizeof in, 20000);
+        took = avmtest::msSince(start);
+    });
+    EXPECT_TRUE(sim::waitUntil([&] { return conv.waitingIn() == 1; }, 5s));
+    uint8_t out[5] = {1, 2, 3, 4, 5};
+    EXPECT_EQ(usb_device_bulk_transfer(device, 0x01, out, sizeof out, 1000), 5);
+    const auto sent = conv.bulkOut();
+    EXPECT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(!sent.empty() && sent[0].bytes == bytes({1, 2, 3, 4, 5}));
+    EXPECT_EQ(conv.waitingIn(), 1u) << "the IN transfer still waits";
+    conv.queueIn(0x81, bytes({7, 8, 9}));
+    reader.join();
+    EXPECT_EQ(got, 3);
+    EXPECT_EQ(std::vector<uint8_t>(in, in + 3), bytes({7, 8, 9}));
+    EXPECT_LT(took, 15000) << "ended by the data, not by its 20 s";
+    EXPECT_EQ(conv.queuedIn(0x81), 0u);
+    ASSERT_EQ(conv.bulkIn().size(), 1u);
+    EXPECT_EQ(conv.bulkIn()[0].bytes, bytes({7, 8, 9}));
+    usb_device_close(device);
+}
+
+// Unplugged while a bulk IN waits: it ends with ENODEV.
+TEST(UsbHost, AWaitingBulkInEndsWithTheDevice)
+{
+    sim::Board board;
+    sim::UsbDevice conv(board, converter());
+    usb_device *device = usb_device_open(conv.devnode().c_str());
+    ASSERT_NE(device, nullptr);
+    int got = 0;
+    int err = 0;
+    std::thread reader([&] {
+        uint8_t in[512];
+        got = usb_device_bulk_transfer(device, 0x81, in, sizeof in, 20000);
+        err = errno;
+    });
+    EXPECT_TRUE(sim::waitUntil([&] { return conv.waitingIn() == 1; }, 5s));
+    conv.unplug();
+    reader.join();
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(err, ENODEV);
+    usb_device_close(device);
+}
+
+// As the kernel's usbfs does (kernel.KernelDescriptorLayout.* show it):
+// from a descriptor the configuration parse cannot take on (a zero length
+// here), the bytes are counted but not written, so the reader's buffer
+// keeps what it held there.
+TEST(UsbHost, BytesFromABrokenDescriptorOnAreCountedButNotWritten)
+{
+    sim::Board board;
+    sim::UsbDeviceDescription d = converter();
+    sim::UsbInterface interface = d.interfaces[0];
+    std::vector<uint8_t> body = sim::usbInterfaceDescriptor(interface);
+    for (const auto &part : {sim::usbEndpointDescriptor(interface.endpoints[0]), std::vector<uint8_t>{0, 5},
+                             sim::usbEndpointDescriptor(interface.endpoints[1])})
+        body.insert(body.end(), part.begin(), part.end());
+    const std::vector<uint8_t> raw = sim::usbDescriptorsListing(d, body);
+    sim::UsbDevice conv(board, d);
+    conv.setRawDescriptors(raw);
+    const int fd = open(conv.devnode().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    std::vector<uint8_t> buf(256, 0xEE);
+    EXPECT_EQ(read(fd, buf.data(), buf.size()), static_cast<ssize_t>(raw.size()));
+    close(fd);
+    const size_t kept = 18 + 9 + 9 + 7; // up to the zero length
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + static_cast<long>(kept)),
+              std::vector<uint8_t>(raw.begin(), raw.begin() + static_cast<long>(kept)));
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin() + static_cast<long>(kept), buf.begin() + static_cast<long>(raw.size())),
+              std::vector<uint8_t>(raw.size() - kept, 0xEE));
 }
 
 TEST(UsbHost, TransfersFailOnDemandAndOnUnknownEndpoints)

@@ -164,10 +164,20 @@ void showFetched(const std::string &dir)
         bytes << in.rdbuf();
         const std::string name = entry.path().filename().string();
         auto served = gServed.find(name);
-        const std::string verdict = served == gServed.end()      ? "not put on the camera here"
-                                    : served->second == bytes.str() ? "byte-exact"
-                                                                    : "NOT as the camera has it";
-        consolePrint("  " + name + " " + std::to_string(bytes.str().size()) + " bytes, " + verdict);
+        const std::string got = bytes.str();
+        // The camera sends whole reports and the module saves the padding
+        // of the last one too.
+        const bool padded = served != gServed.end() && got.size() > served->second.size() &&
+                            got.compare(0, served->second.size(), served->second) == 0 &&
+                            got.find_first_not_of('\0', served->second.size()) == std::string::npos;
+        const std::string verdict =
+            served == gServed.end()    ? "not put on the camera here"
+            : served->second == got    ? "byte-exact"
+            : padded                   ? std::to_string(served->second.size()) + " bytes as on the camera, then " +
+                                 std::to_string(got.size() - served->second.size()) +
+                                 " zero bytes of the last report"
+                                       : "NOT as the camera has it";
+        consolePrint("  " + name + " " + std::to_string(got.size()) + " bytes, " + verdict);
     }
 }
 
