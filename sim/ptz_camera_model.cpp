@@ -12,7 +12,7 @@ namespace sim {
 namespace {
 
 constexpr size_t kSplitAt = 10;                              // bytes in the first half of a split frame
-constexpr std::chrono::milliseconds kSplitGap{150};          // > the module's 0.1 s read gap
+constexpr std::chrono::milliseconds kSplitGap{400};          // well past the module's 0.1 s read gap, even when its reader runs late
 constexpr uint8_t kBadLength = 57;
 
 // Codes the module sends (host requests and host answers).
@@ -95,6 +95,7 @@ struct PtzCameraModel::Impl {
     bool length57 = false;
     bool split = false;
     std::chrono::milliseconds replyDelay{0};
+    bool writing = false;                       // the writer is putting dequeued bytes on the line
     bool holding = false;                       // replies wait in `held` until released
     std::vector<std::vector<uint8_t>> held;     // held replies, in the order they were made
 
@@ -263,9 +264,12 @@ struct PtzCameraModel::Impl {
             }
             std::vector<uint8_t> bytes = std::move(first->second);
             outQueue.erase(first);
+            writing = true;
             lock.unlock();
             line.write(bytes.data(), bytes.size());
             lock.lock();
+            writing = false;
+            wake.notify_all();
         }
     }
 };
@@ -348,6 +352,12 @@ void PtzCameraModel::setUnplugged(bool unplugged)
         impl_->outQueue.clear();
         impl_->rxBuffer.clear();
     }
+}
+
+bool PtzCameraModel::waitUntilSent(std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(impl_->mutex);
+    return impl_->wake.wait_for(lock, timeout, [&] { return impl_->outQueue.empty() && !impl_->writing; });
 }
 
 void PtzCameraModel::holdReplies()

@@ -106,13 +106,16 @@ public:
     void setUnplugged(bool unplugged);       // nothing heard or sent until plugged again
     void setBadChecksum(bool bad);           // outgoing checksums off by one
     void setLength57(bool on);               // outgoing length byte 57
-    void setSplitFrames(bool split);         // each frame in two writes 150 ms apart
+    void setSplitFrames(bool split);         // each frame in two writes 400 ms apart
     void setReplyDelay(std::chrono::milliseconds delay);
     // Replies are kept back until released, then sent in order: a reply
     // "too late" for a request however slowly the machine runs it.
     void holdReplies();
     void releaseHeldReplies();
     void setLineRate(unsigned baud);
+    // Until every queued reply (delayed, or the second half of a split
+    // frame) is on the line.
+    bool waitUntilSent(std::chrono::milliseconds timeout) const;
 
     SerialLine &line();
 

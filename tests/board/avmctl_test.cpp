@@ -21,6 +21,7 @@
 #include "amp/amp_tuning.h"
 #include "amp_fixture.h"
 #include "camera/ptz_frame.h"
+#include "cam_download.h"
 #include "camera_on_board.h"
 #include "dsp_commands.h"
 #include "log_capture.h"
@@ -237,7 +238,7 @@ TEST_F(Avmctl, CameraLogsComeOverHidIntoTheDirectoryGiven)
     // The file ends by the module's 8 s wait for more of it.
     EXPECT_EQ(ok({"get_cam_logs", dir.path()}), "1\n");
     std::ifstream fetched(dir.path() + "/CamLogs/kmsg.log", std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(fetched), {}), log);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(fetched), {}), avmtest::asDownloaded(log));
     const auto requests = camera.fileRequests();
     ASSERT_FALSE(requests.empty());
     EXPECT_EQ(requests[0], "/var/volatile/log/kmsg.log");

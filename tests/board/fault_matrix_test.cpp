@@ -455,6 +455,11 @@ TEST_F(FaultCamera, SplitFramesAreLostMergedFramesAreBothTakenAndTheLinkRecovers
     EXPECT_EQ(boundedFallback([&] { return temperature(); }, kCameraFallbackMs), -1);
     EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);
     camera.setSplitFrames(false);
+    // The last reply's second half may still be on its way; it must not
+    // land in front of the frames below, nor be read with them: the line
+    // stays quiet for well over the reader's 0.1 s inter-byte gap.
+    ASSERT_TRUE(camera.waitUntilSent(kWire));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
 
     // Two frames in one write: the reader takes them as two 64-byte reads.
     const auto open = sim::PtzCameraModel::makeFrame(0x20, 0x00, {});
