@@ -36,8 +36,15 @@ run: build
 # tests) and then the libFuzzer run run beside the ASan one; the device
 # build check runs once the default build is done. Each suite's output is
 # printed when it ends.
+#
+# Every stage runs to its end even when another fails (-k), and the run
+# ends with one line per stage and the failing tests of the failed ones
+# (scripts/test-stage; the stages' whole output is in build/stages/).
+STAGES_DIR = build/stages
 test: deps
-	$(MAKE) --no-print-directory -j2 --output-sync=target suites PIPELINE=1
+	@rm -rf $(STAGES_DIR)
+	@$(MAKE) --no-print-directory -j2 -k --output-sync=target suites PIPELINE=1; rc=$$?; \
+	  scripts/test-stage --summary $(STAGES_DIR) || rc=1; exit $$rc
 
 suites: test-default test-kernel test-tsan test-asan test-arm fuzz-smoke device-check
 
@@ -45,36 +52,38 @@ suites: test-default test-kernel test-tsan test-asan test-arm fuzz-smoke device-
 # there `deps` has run once before.
 after = $(if $(PIPELINE),$(1))
 DEPS = $(if $(PIPELINE),,deps)
+# Within `make test`, each command of a stage goes through scripts/test-stage.
+STAGE = $(if $(PIPELINE),scripts/test-stage $(STAGES_DIR) $@)
 
 built-default: $(DEPS)
-	cmake --preset default
-	cmake --build --preset default
+	$(STAGE) cmake --preset default
+	$(STAGE) cmake --build --preset default
 
 built-tsan: $(DEPS) $(call after,built-default)
-	cmake --preset tsan
-	cmake --build --preset tsan
+	$(STAGE) cmake --preset tsan
+	$(STAGE) cmake --build --preset tsan
 
 built-asan: $(DEPS) $(call after,built-tsan)
-	cmake --preset asan
-	cmake --build --preset asan
+	$(STAGE) cmake --preset asan
+	$(STAGE) cmake --build --preset asan
 
 built-arm: $(DEPS) $(call after,built-asan)
-	cmake --preset arm
-	cmake --build --preset arm
+	$(STAGE) cmake --preset arm
+	$(STAGE) cmake --build --preset arm
 
 built-fuzz: $(DEPS) $(call after,built-arm)
-	cmake --preset fuzz
-	cmake --build --preset fuzz
+	$(STAGE) cmake --preset fuzz
+	$(STAGE) cmake --build --preset fuzz
 
 test-default: built-default
-	ctest --preset default -j$(TEST_JOBS)
+	$(STAGE) ctest --preset default -j$(TEST_JOBS)
 
 # ThreadSanitizer: findings are fixed, or suppressed narrowly in
 # tests/tsan.supp with the third-party frame and the reason. The fuzz
 # replays are left out: they feed parsers on one thread, which ASan and
 # UBSan cover.
 test-tsan: built-tsan $(call after,test-default)
-	ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
+	$(STAGE) ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
 
 # The module against the real Linux kernel: the kernel tests (ctest label
 # "kernel") of build/default run inside the VM of scripts/kernel-vm, one
@@ -82,10 +91,10 @@ test-tsan: built-tsan $(call after,test-default)
 # stage with its reason.
 KERNEL_VM_TIMEOUT ?= 1500
 test-kernel: built-default $(call after,test-default)
-	scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
+	$(STAGE) scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
 
 test-asan: built-asan $(call after,test-tsan)
-	ctest --preset asan -j$(TEST_JOBS)
+	$(STAGE) ctest --preset asan -j$(TEST_JOBS)
 
 # The device's ABI: the module, the platform pieces, the virtual board and
 # the tests cross-built for 32-bit ARM (armhf) and run under qemu-user, the
@@ -96,7 +105,7 @@ test-asan: built-asan $(call after,test-tsan)
 # console test too. Board tests mostly wait on the models, so as many at
 # once as in the other suites.
 test-arm: built-arm $(call after,test-tsan)
-	ctest --preset arm -j$(TEST_JOBS) -R "$$(scripts/arm-board-part regex build/arm)"
+	$(STAGE) ctest --preset arm -j$(TEST_JOBS) -R "$$(scripts/arm-board-part regex build/arm)"
 
 test-arm-full: built-arm
 	ctest --preset arm -j$(TEST_JOBS)
@@ -107,7 +116,7 @@ test-arm-full: built-arm
 # the host build compiles into the module (scripts/check-android-bp).
 device-check: $(DEPS) $(call after,built-default)
 	$(if $(PIPELINE),,cmake --preset default > /dev/null)
-	scripts/check-android-bp --host-build build/default --device-build build/device
+	$(STAGE) scripts/check-android-bp --host-build build/default --device-build build/device
 
 # Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
 # of tests/fuzz for FUZZ_SECONDS each, one after the other, from the
@@ -121,7 +130,7 @@ fuzz: fuzz-build
 
 # The short run of `make test`: each harness 20 s from its starters alone.
 fuzz-smoke: built-fuzz $(call after,test-arm)
-	scripts/run-fuzz build/fuzz 20 --fresh
+	$(STAGE) scripts/run-fuzz build/fuzz 20 --fresh
 
 # What the fuzz corpora reach (clang; preset "coverage", build/coverage):
 # the harnesses' replay programs, built with clang's source-based coverage
