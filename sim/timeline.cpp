@@ -848,9 +848,19 @@ bool Timeline::write(const std::string &path, std::string *error) const
         std::remove(temp.c_str());
         return false;
     };
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Opened without waiting (a pipe with no reader fails at once rather
+    // than hold the open, and with it every path call umockdev serialises,
+    // module threads' included); the writes then wait as usual.
+    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644);
     if (fd < 0)
         return fail("cannot open " + temp);
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        const int err = errno;
+        ::close(fd);
+        errno = err;
+        return fail("cannot open " + temp);
+    }
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
