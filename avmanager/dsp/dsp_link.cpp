@@ -361,9 +361,6 @@ int dsp_mkfifo_write(DspRequest request)
         LOGE("%s:%d, read error.(%s)\n", __func__, __LINE__, strerror(errno));
         return -1;
     }
-    // Posters write side by side under the shared hold; dropping the end
-    // takes the exclusive one, so no poster can be left holding a number
-    // that was closed and handed to another file.
     // Numbered before the write: the transmit thread may take the record
     // at once.
     const int32_t cookie = ATRACE_ENABLED() ? nextCommandCookie() : 0;
@@ -371,6 +368,9 @@ int dsp_mkfifo_write(DspRequest request)
         request.length = static_cast<uint32_t>(cookie);
         ATRACE_ASYNC_BEGIN(kTraceDspCommand, cookie);
     }
+    // Posters write side by side under the shared hold; dropping the end
+    // takes the exclusive one, so no poster can be left holding a number
+    // that was closed and handed to another file.
     pthread_rwlock_rdlock(&gFifoWriteEndLock);
     int32_t fd = gDspFifoDev.writeFd.load(std::memory_order_acquire);
     ssize_t ret = write(fd, &request, sizeof(request));
