@@ -9,6 +9,7 @@
 // calls.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -276,34 +277,55 @@ TEST(Timeline, ScriptedSessionHoldsTheModulesOwnSpansNestedAndCountedAsOnTheWire
     }
     EXPECT_EQ(completed, spansOn(doc, "dsp file transfer", "configuration upgrade").size())
         << "the module's view and the wire's agree";
-    EXPECT_EQ(completed, 2u);
+    EXPECT_GE(completed, 1u);
     EXPECT_EQ(halSpans(doc, "dsp chunk").size(), commandsOnWire(doc, "FWDAT="));
     EXPECT_EQ(halSpans(doc, "dsp chunk offset=2880 length=20").size(), commandsOnWire(doc, "FWDAT=2880,20,"));
     EXPECT_EQ(halSpans(doc, "dsp file send word=FINF").size(), commandsOnWire(doc, "FINF="));
     EXPECT_EQ(halSpans(doc, "dsp file send word=FWSTR").size(), commandsOnWire(doc, "FWSTR="));
     EXPECT_EQ(halSpans(doc, "dsp file send word=FWEND").size(), commandsOnWire(doc, "FWEND="));
 
-    // The PTZ request: one frame span per frame of its kind on the wire.
+    // The PTZ request: one frame span per frame of its kind on the wire,
+    // each with its outcome.
     const auto ptz = halSpans(doc, "ptz request cmd=18");
     ASSERT_EQ(ptz.size(), 1u);
     const auto frames = childrenOf(all, ptz[0]);
     EXPECT_EQ(frames.size(), spansOn(doc, "ptz  module -> device", "frame 0x20/0xba").size());
-    EXPECT_EQ(namesOf(childrenOf(all, frames.back())), std::vector<std::string>{"ptz answered"});
+    for (const auto &frame : frames) {
+        const auto outcome = namesOf(childrenOf(all, frame));
+        EXPECT_TRUE(outcome == std::vector<std::string>{"ptz answered"} ||
+                    outcome == std::vector<std::string>{"ptz timed out"})
+            << frame.name;
+    }
 
     // The amplifier switches that ran (a restore pass that finds the
-    // format in place marks it and programs nothing): each reports the
-    // transactions the bus saw while it ran.
+    // format in place marks it and programs nothing): each sets the
+    // counter, on its thread at its end, to the transactions the bus saw
+    // while it ran. Switches take turns: one that waited for another has
+    // its own transactions after that one's end.
     std::vector<avmtest::HalSpan> switches;
     for (const auto &s : halSpans(doc, "amp format switch"))
         if (namesOf(childrenOf(all, s)) != std::vector<std::string>{"amp same format"})
             switches.push_back(s);
-    EXPECT_EQ(namesOf(switches), (std::vector<std::string>{"amp format switch format=floor",
-                                                           "amp format switch format=wall",
-                                                           "amp format switch format=floor"}));
-    const auto counts = avmtest::counterValues(doc, "amp i2c transactions");
+    const auto counts = avmtest::counterSamples(doc, "amp i2c transactions");
     ASSERT_EQ(counts.size(), switches.size());
-    for (size_t i = 0; i < switches.size(); ++i)
-        EXPECT_EQ(static_cast<size_t>(counts[i]), i2cBetween(doc, switches[i].start, switches[i].end)) << i;
+    for (const auto &sw : switches) {
+        double from = sw.start;
+        for (const auto &other : switches)
+            if (other.end > from && other.end < sw.end)
+                from = other.end;
+        const auto count = std::find_if(counts.begin(), counts.end(), [&](const avmtest::HalCounterSample &c) {
+            return c.tid == sw.tid && c.at >= sw.start && c.at <= sw.end;
+        });
+        ASSERT_NE(count, counts.end()) << sw.name;
+        EXPECT_EQ(static_cast<size_t>(count->value), i2cBetween(doc, from, sw.end)) << sw.name;
+    }
+    // The session's own two: to the wall placement, then back to the floor.
+    const auto names = namesOf(switches);
+    const auto wall = std::find(names.begin(), names.end(), "amp format switch format=wall");
+    ASSERT_NE(wall, names.end());
+    EXPECT_EQ(std::count(names.begin(), names.end(), "amp format switch format=wall"), 1);
+    ASSERT_NE(wall + 1, names.end());
+    EXPECT_EQ(*(wall + 1), "amp format switch format=floor");
 }
 
 // Traffic and log lines made up here, at chosen times.

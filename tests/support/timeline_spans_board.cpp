@@ -106,17 +106,22 @@ std::vector<HalAsyncSpan> halAsyncSpans(const json &doc, const std::string &name
     return out;
 }
 
-std::vector<int64_t> counterValues(const json &doc, const std::string &name)
+std::vector<HalCounterSample> counterSamples(const json &doc, const std::string &name)
 {
-    std::vector<std::pair<double, int64_t>> samples;
+    std::vector<HalCounterSample> out;
     for (const auto &e : doc["traceEvents"])
         if (isHal(e) && e["ph"] == "C" && e["name"] == name)
-            samples.emplace_back(e["ts"].get<double>(), e["args"]["value"].get<int64_t>());
-    std::stable_sort(samples.begin(), samples.end(),
-                     [](const auto &a, const auto &b) { return a.first < b.first; });
+            out.push_back({e["ts"].get<double>(), e["tid"].get<int>(), e["args"]["value"].get<int64_t>()});
+    std::stable_sort(out.begin(), out.end(),
+                     [](const HalCounterSample &a, const HalCounterSample &b) { return a.at < b.at; });
+    return out;
+}
+
+std::vector<int64_t> counterValues(const json &doc, const std::string &name)
+{
     std::vector<int64_t> out;
-    for (const auto &s : samples)
-        out.push_back(s.second);
+    for (const auto &s : counterSamples(doc, name))
+        out.push_back(s.value);
     return out;
 }
 

@@ -51,6 +51,14 @@ std::vector<HalSpan> childrenOf(const std::vector<HalSpan> &all, const HalSpan &
 std::vector<std::string> namesOf(const std::vector<HalSpan> &spans);
 // The async spans of that name, in order of start.
 std::vector<HalAsyncSpan> halAsyncSpans(const nlohmann::json &doc, const std::string &name);
+// One value a counter took.
+struct HalCounterSample {
+    double at = 0; // microseconds
+    int tid = 0;   // the thread that set it
+    int64_t value = 0;
+};
+// The samples of a counter, in order.
+std::vector<HalCounterSample> counterSamples(const nlohmann::json &doc, const std::string &name);
 // The values a counter took, in order.
 std::vector<int64_t> counterValues(const nlohmann::json &doc, const std::string &name);
 
