@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -47,13 +48,29 @@ json readJson(const std::string &path)
     return json::parse(text.str(), nullptr, false);
 }
 
+// Every row's name, by (pid, tid), as the metadata gives it. Read once
+// per look-up of many events: a file holds thousands, and the sanitizer
+// builds pay for every access.
+using RowNames = std::map<std::pair<int, int>, std::string>;
+RowNames rowNames(const json &doc)
+{
+    RowNames names;
+    for (const auto &e : doc["traceEvents"])
+        if (e["ph"] == "M" && e["name"] == "thread_name")
+            names[{e["pid"].get<int>(), e["tid"].get<int>()}] = e["args"]["name"].get<std::string>();
+    return names;
+}
+
+std::string rowName(const RowNames &names, int pid, int tid)
+{
+    const auto it = names.find({pid, tid});
+    return it == names.end() ? "" : it->second;
+}
+
 // The name of the row (pid, tid) as its metadata gives it.
 std::string rowName(const json &doc, int pid, int tid)
 {
-    for (const auto &e : doc["traceEvents"])
-        if (e["ph"] == "M" && e["name"] == "thread_name" && e["pid"] == pid && e["tid"] == tid)
-            return e["args"]["name"].get<std::string>();
-    return "";
+    return rowName(rowNames(doc), pid, tid);
 }
 
 std::vector<json> eventsWhere(const json &doc, const std::function<bool(const json &)> &pred)
@@ -70,8 +87,9 @@ bool startsWith(const std::string &s, const std::string &prefix) { return s.rfin
 // Spans ("X") on the row with this name whose name starts with `prefix`.
 std::vector<json> spansOn(const json &doc, const std::string &row, const std::string &prefix)
 {
+    const RowNames names = rowNames(doc);
     return eventsWhere(doc, [&](const json &e) {
-        return e["ph"] == "X" && rowName(doc, e["pid"], e["tid"]) == row &&
+        return e["ph"] == "X" && rowName(names, e["pid"], e["tid"]) == row &&
                startsWith(e["name"].get<std::string>(), prefix);
     });
 }
@@ -129,8 +147,9 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     // what the DSP read at once, which on a busy machine may hold the next
     // command too. The setter, and the restore after the DSP's restart
     // sends it again.
+    const RowNames names = rowNames(doc);
     const auto volume = eventsWhere(doc, [&](const json &e) {
-        return e["ph"] == "X" && rowName(doc, e["pid"], e["tid"]) == "dsp  module -> device" &&
+        return e["ph"] == "X" && rowName(names, e["pid"], e["tid"]) == "dsp  module -> device" &&
                e.contains("args") && e["args"].contains("text") && e["args"]["text"].get<std::string>().find("MV=-11.10\\0") != std::string::npos;
     });
     ASSERT_EQ(volume.size(), 2u);
@@ -177,7 +196,7 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     bool sawUpgradeLine = false;
     for (const auto &l : logs) {
         EXPECT_EQ(l["pid"], 2);
-        EXPECT_TRUE(startsWith(rowName(doc, 2, l["tid"]), "thread ")) << l.dump();
+        EXPECT_TRUE(startsWith(rowName(names, 2, l["tid"]), "thread ")) << l.dump();
         sawUpgradeLine = sawUpgradeLine || l["args"]["text"].get<std::string>().rfind("dspHalWriteUsart", 0) == 0;
     }
     EXPECT_TRUE(sawUpgradeLine);
@@ -205,8 +224,9 @@ TEST(Timeline, ScriptedSessionHoldsTheModulesOwnSpansNestedAndCountedAsOnTheWire
     using avmtest::namesOf;
     const auto all = halSpans(doc);
     ASSERT_FALSE(all.empty());
+    const RowNames rows = rowNames(doc);
     for (const auto &s : all)
-        EXPECT_EQ(rowName(doc, 2, s.tid).rfind("thread " + std::to_string(s.tid) + ":", 0), 0u)
+        EXPECT_EQ(rowName(rows, 2, s.tid).rfind("thread " + std::to_string(s.tid) + ":", 0), 0u)
             << "a module span on a row of its thread: " << s.name;
     EXPECT_EQ(doc["otherData"]["module span ends without their begin"], 0);
     // The module's threads are shown first, above the links.
