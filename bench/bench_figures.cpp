@@ -5,9 +5,16 @@
 // the device would show, plus the emulation's own overhead.
 //
 // Run under the board wrapper (scripts/run-bench). Prints the table;
-// --timeline FILE also writes the traffic of the measured rows as a Chrome
-// trace-event file. Exits non-zero only when a figure could not be
-// measured: speed is reported, never judged here.
+// --timeline FILE also writes the traffic of the measured rows, and the
+// module's own spans, as a Chrome trace-event file. Exits non-zero only
+// when a figure could not be measured: speed is reported, never judged
+// here.
+//
+// The module's tracing is on (the timeline's sink registered) for every
+// row but the setter row, which is measured with it off, as on a device
+// that is not recording a system trace, and again with it on.
+#include "common/avm_trace.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -242,9 +249,13 @@ void mark(Session &s, const std::string &name, Clock::time_point start)
 
 // ------------------------------------------------------------ rows
 
-void setterLatency(Session &s)
+void setterLatency(Session &s, bool traced)
 {
-    const std::string figure = "one setter on an idle link -> its bytes on the DSP wire";
+    const std::string figure = std::string("one setter on an idle link -> its bytes on the DSP wire") +
+                               (traced ? ", tracing into the timeline" : "");
+    // Off: no sink, so the "hal" tag is off and every trace call is the
+    // tracer's check alone.
+    s.timeline.traceModule(traced);
     constexpr int kSamples = 300;
     std::vector<double> latencies;
     size_t wireBytes = 0;
@@ -274,7 +285,8 @@ void setterLatency(Session &s)
         wireBytes = std::max(wireBytes, item.text.size() + 1);
         latencies.push_back(msOf(item.end - t0));
     }
-    mark(s, "setter latency", rowStart);
+    mark(s, traced ? "setter latency, traced" : "setter latency", rowStart);
+    s.timeline.traceModule(true);
     const double p50 = percentile(latencies, 50);
     const double p99 = percentile(latencies, 99);
     const Seconds bound = contract::kDspIdlePoll + contract::wire(wireBytes);
@@ -286,7 +298,89 @@ void setterLatency(Session &s)
     row.ratio = fmt("p50 %.2f, p99 %.2f", p50 / msOf(bound), p99 / msOf(bound));
     row.target = "p50 <= 2 ms, p99 <= 4 ms";
     row.verdict = p50 <= 2.0 && p99 <= 4.0 ? "yes" : "no";
-    row.note = "from the call to the last byte at the DSP";
+    row.note = traced ? "with every trace call of the module recorded by the timeline's sink"
+                      : "from the call to the last byte at the DSP; the module's tracing off";
+    row.measuredOk = true;
+    gRows.push_back(row);
+}
+
+// Runs of each span cost measurement: short runs, many of them, so that
+// on a loaded machine some run without being preempted.
+constexpr int kCostRuns = 20;
+
+// Nanoseconds per call of `pair` (one span begun and ended): the fastest
+// of kCostRuns runs of `n`, the one least disturbed by the rest of the
+// machine.
+template <typename Pair> double nsPerPair(long n, Pair pair, const std::function<void()> &between = {})
+{
+    double best = INFINITY;
+    for (int run = 0; run < kCostRuns; ++run) {
+        const auto t0 = Clock::now();
+        for (long i = 0; i < n; ++i)
+            pair();
+        const auto t1 = Clock::now();
+        best = std::min(best, std::chrono::duration<double, std::nano>(t1 - t0).count() / static_cast<double>(n));
+        if (between)
+            between();
+    }
+    return best;
+}
+
+// What a span of the module costs: with tracing off (no sink: the check
+// and a branch), and with a sink that records every call as the board's
+// timeline does.
+void spanCost(Session &s)
+{
+    const std::string off = "one module span (begin and end), tracing off";
+    const std::string on = "one module span (begin and end), into the timeline's sink";
+    const auto rowStart = Clock::now();
+    s.timeline.traceModule(false);
+    if (atrace_get_enabled_tags() != 0) {
+        failed(off, "another tracing sink is registered");
+        s.timeline.traceModule(true);
+        return;
+    }
+    constexpr long kOffPairs = 1'000'000;
+    const double spanOff = nsPerPair(kOffPairs, [] { AvmTraceSpan span(kTraceDspRestore); });
+    const double namedOff = nsPerPair(
+        kOffPairs, [] { AvmTraceSpan span(kTraceDspChunk, "offset=%u length=%u attempt=%d", 2640u, 240u, 1); });
+    const double rawOff = nsPerPair(kOffPairs, [] {
+        ATRACE_BEGIN(kTraceDspRestore);
+        ATRACE_END();
+    });
+    // A timeline of its own, emptied between runs so its record stays small.
+    constexpr long kOnPairs = 20'000;
+    sim::Timeline sink;
+    sink.traceModule(true);
+    const double spanOn = nsPerPair(
+        kOnPairs, [] { AvmTraceSpan span(kTraceDspRestore); }, [&] { sink.clear(); });
+    const double namedOn = nsPerPair(
+        kOnPairs, [] { AvmTraceSpan span(kTraceDspChunk, "offset=%u length=%u attempt=%d", 2640u, 240u, 1); },
+        [&] { sink.clear(); });
+    sink.traceModule(false);
+    s.timeline.traceModule(true);
+    mark(s, "span cost", rowStart);
+
+    Row row;
+    row.figure = off;
+    row.measured = fmt("%.2f ns a span, %.2f ns with a formatted name (%.2f ns for ATRACE_BEGIN and ATRACE_END; %ld "
+                       "pairs, best of %d runs)",
+                       spanOff, namedOff, rawOff, kOffPairs, kCostRuns);
+    row.bound = "none: a call to atrace_get_enabled_tags (one relaxed load) and a branch per check";
+    row.ratio = "-";
+    row.target = "report";
+    row.note = "AvmTraceSpan checks once and owes its end (a formatted name is made only when tracing); the two macros "
+               "check once each";
+    row.measuredOk = true;
+    gRows.push_back(row);
+    row = Row{};
+    row.figure = on;
+    row.measured = fmt("%.0f ns a span with a constant name, %.0f ns with a formatted one (%ld pairs, best of %d runs)",
+                       spanOn, namedOn, kOnPairs, kCostRuns);
+    row.bound = "none: the sink takes the time, a lock and a copy of the name per call";
+    row.ratio = "-";
+    row.target = "report";
+    row.note = "the board's recorder; on the device the calls write the kernel's trace buffer instead";
     row.measuredOk = true;
     gRows.push_back(row);
 }
@@ -908,7 +1002,7 @@ int main(int argc, char **argv)
             only = argv[++i];
         } else {
             std::fprintf(stderr, "usage: bench_figures [--timeline FILE] [--only ROW[,ROW...]]\n"
-                                 "rows: setter sustained query upgrade ptz amp hdmi idle soak\n");
+                                 "rows: setter spans sustained query upgrade ptz amp hdmi idle soak\n");
             return 2;
         }
     }
@@ -960,8 +1054,12 @@ int main(int argc, char **argv)
     s->timeline.attach(s->board.trace());
     gTimeline.store(&s->timeline, std::memory_order_release);
     const auto start = Clock::now();
-    if (wanted("setter"))
-        setterLatency(*s);
+    if (wanted("setter")) {
+        setterLatency(*s, false);
+        setterLatency(*s, true);
+    }
+    if (wanted("spans"))
+        spanCost(*s);
     if (wanted("sustained"))
         sustainedCommands(*s);
     if (wanted("query"))
@@ -980,8 +1078,9 @@ int main(int argc, char **argv)
     if (!timelinePath.empty()) {
         std::string error;
         if (s->timeline.write(timelinePath, &error))
-            std::fprintf(stderr, "bench: timeline of %zu link events and %zu log lines in %s\n",
-                         s->timeline.eventCount(), s->timeline.logCount(), timelinePath.c_str());
+            std::fprintf(stderr, "bench: timeline of %zu link events, %zu log lines and %zu module trace calls in %s\n",
+                         s->timeline.eventCount(), s->timeline.logCount(), s->timeline.halCount(),
+                         timelinePath.c_str());
         else
             std::fprintf(stderr, "bench: %s\n", error.c_str());
     }

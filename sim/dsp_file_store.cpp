@@ -122,6 +122,7 @@ struct DspFileStore::Impl {
     std::map<std::string, std::string> files;  // the DSP's files
     Pending pending;
     std::optional<uint32_t> rejectAt;          // one chunk to refuse
+    std::optional<uint32_t> missAt;            // one chunk to miss
     bool repeatOffset = false;                 // answer with the previous offset
     bool silent = false;                       // no answers to file commands
     std::vector<std::string> log;              // file commands seen
@@ -176,6 +177,12 @@ void DspFileStore::rejectChunkAt(std::optional<uint32_t> offset)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->rejectAt = offset;
+}
+
+void DspFileStore::missChunkOnceAt(std::optional<uint32_t> offset)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->missAt = offset;
 }
 
 void DspFileStore::setRepeatOffset(bool repeat)
@@ -245,7 +252,8 @@ bool DspFileStore::Impl::handle(DspModel &dsp, const std::string &command)
         else
             return false;
         log.push_back(command);
-        if (silent)
+        // A missed chunk has no answer either.
+        if (silent || reply.empty())
             return true;
     }
     dsp.send(reply);
@@ -283,6 +291,10 @@ std::string DspFileStore::Impl::onData(const std::string &args)
         return "FWDAT=" + (f.empty() ? std::string() : f[0]) + "," +
                (f.size() > 1 ? f[1] : std::string()) + ",ERR_ARGS";
     const std::string head = "FWDAT=" + f[0] + "," + f[1] + ",";
+    if (missAt && *missAt == offset) {
+        missAt.reset();
+        return "";
+    }
     if (repeatOffset) {
         std::string answer = "FWDAT=" + std::to_string(pending.lastOffset) + "," + f[1] + ",OK";
         pending.lastOffset = offset;

@@ -12,8 +12,9 @@
  * has twice its length in valid digits and its checksum (sum of the hex
  * characters modulo 256) matches; the end is accepted only when length and
  * MD5 match what FWSTR announced, and only then the new copy replaces the
- * old one. Faults: reject one chunk, answer chunks with a repeated offset,
- * stay silent on file commands.
+ * old one. Faults: reject one chunk, miss one chunk (as if it was lost on
+ * the line), answer chunks with a repeated offset, stay silent on file
+ * commands.
  *
  * reboot() is a DSP restart: the transfer in progress is forgotten, reboot
  * hooks run (other features forget their settings there) and the DSP
@@ -69,6 +70,10 @@ public:
     // The chunk at this offset is answered "FWDAT=<off>,<len>,ERR_REJECT"
     // (once); clear with std::nullopt.
     void rejectChunkAt(std::optional<uint32_t> offset);
+    // The first copy of the chunk at this offset is neither stored nor
+    // answered (once), as if it never arrived: the module sends it again,
+    // and that copy is taken. Clear with std::nullopt.
+    void missChunkOnceAt(std::optional<uint32_t> offset);
     // Chunks are answered "OK" but with the offset of the previous chunk
     // (0 for the first); nothing is stored.
     void setRepeatOffset(bool repeat);

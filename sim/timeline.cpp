@@ -1,27 +1,41 @@
 /*
  * Timeline recorder and its Chrome trace-event writer; see timeline.h.
  *
- * Track layout of the file (Chrome's "process" and "thread" rows):
+ * Track layout of the file (Chrome's "process" and "thread" rows), in
+ * display order:
+ *   pid 2 "module threads"   one row per module thread that traced or
+ *                            logged: its spans (category "hal"), nested,
+ *                            and its log lines as ticks; the module's async
+ *                            spans and counters belong to this process too
  *   pid 1 "links"            one row per link direction
- *   pid 2 "module threads"   one row per module thread that logged
- *   pid 3 "module activity"  derived spans: reply waits, file transfer,
- *                            PTZ requests, retries, amplifier switches
+ *   pid 3 "module activity"  spans derived from wire and log: reply waits,
+ *                            file transfer, PTZ requests, retries,
+ *                            amplifier switches
  *   pid 4 "session"          the driving program's marks
+ * Module spans are "X" slices with their name's " key=value" words, their
+ * depth and the span they are in as arguments; a span still open when the
+ * file is written is a "B" without its "E". Async spans are "b"/"e" pairs
+ * (id: the cookie), counters "C" events.
  */
 #include "timeline.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
 
+#include <cerrno>
+#include <cstring>
+#include <deque>
+
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <avm_trace_sink.h>
 #include <nlohmann/json.hpp>
 
 namespace sim {
@@ -34,6 +48,8 @@ constexpr int kLinksPid = 1;
 constexpr int kThreadsPid = 2;
 constexpr int kActivityPid = 3;
 constexpr int kSessionPid = 4;
+// The category of the module's own trace calls, as on the device.
+constexpr const char *kHalCategory = "hal";
 
 // Rows of the activity process, in display order.
 enum ActivityRow { kRowDspWaits = 1, kRowFileTransfer, kRowPtzRequests, kRowRetries, kRowAmplifiers };
@@ -147,6 +163,47 @@ struct Builder {
                           {"ts", ts},
                           {"dur", dur},
                           {"args", std::move(args)}});
+    }
+
+    // A span whose end was not recorded.
+    void begin(int pid, int tid, const std::string &name, const char *category, Clock::time_point start,
+               json args)
+    {
+        events.push_back({{"ph", "B"},
+                          {"pid", pid},
+                          {"tid", tid},
+                          {"name", name},
+                          {"cat", category},
+                          {"ts", micros(start, origin)},
+                          {"args", std::move(args)}});
+    }
+
+    // One end of an async span ("b" or "e"), matched by category and id.
+    void async(const char *phase, int pid, int tid, const std::string &name, const char *category, int64_t id,
+               Clock::time_point when, json args)
+    {
+        char hex[24];
+        std::snprintf(hex, sizeof hex, "0x%llx", static_cast<unsigned long long>(id));
+        events.push_back({{"ph", phase},
+                          {"pid", pid},
+                          {"tid", tid},
+                          {"name", name},
+                          {"cat", category},
+                          {"id", hex},
+                          {"ts", micros(when, origin)},
+                          {"args", std::move(args)}});
+    }
+
+    void counter(int pid, int tid, const std::string &name, const char *category, Clock::time_point when,
+                 int64_t value)
+    {
+        events.push_back({{"ph", "C"},
+                          {"pid", pid},
+                          {"tid", tid},
+                          {"name", name},
+                          {"cat", category},
+                          {"ts", micros(when, origin)},
+                          {"args", {{"value", value}}}});
     }
 
     void instant(int pid, int tid, const std::string &name, const char *category, Clock::time_point when,
@@ -354,6 +411,156 @@ void deriveAmpSwitches(Builder &b, const std::vector<LogRecord> &logs, const std
     }
 }
 
+// A name's " key=value" words (after its constant part) as arguments;
+// whole numbers as numbers.
+json nameArguments(const std::string &name)
+{
+    json args = json::object();
+    size_t at = name.find(' ');
+    while (at != std::string::npos) {
+        const size_t end = name.find(' ', at + 1);
+        const std::string word = name.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
+        const size_t eq = word.find('=');
+        if (eq != std::string::npos && eq > 0) {
+            const std::string value = word.substr(eq + 1);
+            char *rest = nullptr;
+            errno = 0;
+            const long long number = std::strtoll(value.c_str(), &rest, 10);
+            const bool whole = !value.empty() && rest && *rest == '\0' && errno == 0;
+            args[word.substr(0, eq)] = whole ? json(number) : json(value);
+        }
+        at = end;
+    }
+    return args;
+}
+
+// The first two words of a name: its area and what ("dsp write").
+std::string areaOf(const std::string &name)
+{
+    const size_t first = name.find(' ');
+    const size_t second = first == std::string::npos ? first : name.find(' ', first + 1);
+    return name.substr(0, second);
+}
+
+// The module's trace calls: spans paired per thread in the order each
+// thread made them (a thread's calls are appended in that order), async
+// spans paired by name and cookie in the order they began, counters as
+// they came. Fills areasOf with the outermost spans' areas of each thread
+// (for the rows' names); returns how many ends had no begin (a recording
+// that started inside a span).
+size_t buildHal(Builder &b, const std::vector<HalRecord> &hal, std::map<int, std::vector<std::string>> &areasOf)
+{
+    std::map<int, std::vector<const HalRecord *>> open;
+    std::map<std::pair<std::string, int64_t>, std::deque<const HalRecord *>> asyncOpen;
+    size_t unmatched = 0;
+    auto noteArea = [&](int tid, const std::string &name) {
+        auto &areas = areasOf[tid];
+        const std::string area = areaOf(name);
+        if (std::find(areas.begin(), areas.end(), area) == areas.end())
+            areas.push_back(area);
+    };
+    for (const auto &r : hal) {
+        switch (r.kind) {
+        case HalRecord::Kind::Begin:
+            open[r.tid].push_back(&r);
+            break;
+        case HalRecord::Kind::End: {
+            auto &stack = open[r.tid];
+            if (stack.empty()) {
+                ++unmatched;
+                break;
+            }
+            const HalRecord *begun = stack.back();
+            stack.pop_back();
+            json args = nameArguments(begun->name);
+            args["depth"] = stack.size();
+            if (!stack.empty())
+                args["within"] = stack.back()->name;
+            else
+                noteArea(r.tid, begun->name);
+            b.span(kThreadsPid, r.tid, begun->name, kHalCategory, begun->when, r.when, std::move(args));
+            break;
+        }
+        case HalRecord::Kind::AsyncBegin:
+            asyncOpen[{r.name, r.value}].push_back(&r);
+            break;
+        case HalRecord::Kind::AsyncEnd: {
+            auto it = asyncOpen.find({r.name, r.value});
+            if (it == asyncOpen.end() || it->second.empty()) {
+                ++unmatched;
+                break;
+            }
+            const HalRecord *begun = it->second.front();
+            it->second.pop_front();
+            json args = nameArguments(begun->name);
+            args["cookie"] = begun->value;
+            args["begun on thread"] = begun->tid;
+            b.async("b", kThreadsPid, begun->tid, begun->name, kHalCategory, begun->value, begun->when,
+                    std::move(args));
+            b.async("e", kThreadsPid, r.tid, r.name, kHalCategory, r.value, r.when,
+                    {{"ended on thread", r.tid}});
+            break;
+        }
+        case HalRecord::Kind::Counter:
+            b.counter(kThreadsPid, r.tid, r.name, kHalCategory, r.when, r.value);
+            break;
+        }
+    }
+    // Spans still open when the record was taken.
+    for (const auto &[tid, stack] : open)
+        for (size_t depth = 0; depth < stack.size(); ++depth) {
+            json args = nameArguments(stack[depth]->name);
+            args["depth"] = depth;
+            if (depth > 0)
+                args["within"] = stack[depth - 1]->name;
+            else
+                noteArea(tid, stack[depth]->name);
+            b.begin(kThreadsPid, tid, stack[depth]->name, kHalCategory, stack[depth]->when, std::move(args));
+        }
+    for (const auto &[key, begins] : asyncOpen)
+        for (const HalRecord *begun : begins) {
+            json args = nameArguments(begun->name);
+            args["cookie"] = begun->value;
+            args["begun on thread"] = begun->tid;
+            b.async("b", kThreadsPid, begun->tid, begun->name, kHalCategory, begun->value, begun->when,
+                    std::move(args));
+        }
+    return unmatched;
+}
+
+// The tracing sink's functions: each hands the call to the timeline it was
+// registered for, on the thread that traced.
+void sinkBegin(void *timeline, const char *name)
+{
+    static_cast<Timeline *>(timeline)->addHal(HalRecord::Kind::Begin, name, 0);
+}
+
+void sinkEnd(void *timeline)
+{
+    static_cast<Timeline *>(timeline)->addHal(HalRecord::Kind::End, nullptr, 0);
+}
+
+void sinkAsyncBegin(void *timeline, const char *name, int32_t cookie)
+{
+    static_cast<Timeline *>(timeline)->addHal(HalRecord::Kind::AsyncBegin, name, cookie);
+}
+
+void sinkAsyncEnd(void *timeline, const char *name, int32_t cookie)
+{
+    static_cast<Timeline *>(timeline)->addHal(HalRecord::Kind::AsyncEnd, name, cookie);
+}
+
+void sinkCounter(void *timeline, const char *name, int64_t value)
+{
+    static_cast<Timeline *>(timeline)->addHal(HalRecord::Kind::Counter, name, value);
+}
+
+int currentThreadId()
+{
+    thread_local const int tid = static_cast<int>(syscall(SYS_gettid));
+    return tid;
+}
+
 } // namespace
 
 Timeline::~Timeline() { detach(); }
@@ -362,13 +569,17 @@ void Timeline::attach(Trace &trace)
 {
     detach();
     const int id = trace.addListener([this](const TraceEvent &event) { addEvent(event); });
-    std::lock_guard<std::mutex> lock(mutex_);
-    trace_ = &trace;
-    listenerId_ = id;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        trace_ = &trace;
+        listenerId_ = id;
+    }
+    traceModule(true);
 }
 
 void Timeline::detach()
 {
+    traceModule(false);
     Trace *trace = nullptr;
     int id = 0;
     {
@@ -378,6 +589,33 @@ void Timeline::detach()
     }
     if (trace)
         trace->removeListener(id);
+}
+
+bool Timeline::traceModule(bool on)
+{
+    if (on) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (sinkHandle_ > 0)
+                return true;
+        }
+        const AvmTraceSink sink{this, sinkBegin, sinkEnd, sinkAsyncBegin, sinkAsyncEnd, sinkCounter};
+        const int handle = avm_trace_add_sink(&sink);
+        if (handle < 1)
+            return false;
+        std::lock_guard<std::mutex> lock(mutex_);
+        sinkHandle_ = handle;
+        return true;
+    }
+    int handle = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::swap(handle, sinkHandle_);
+    }
+    // Outside the lock: removal waits for sink calls in flight, which take it.
+    if (handle > 0)
+        avm_trace_remove_sink(handle);
+    return true;
 }
 
 void Timeline::addEvent(const TraceEvent &event)
@@ -412,12 +650,31 @@ void Timeline::addMark(const std::string &track, const std::string &name, Clock:
     marks_.push_back({start, end, track, name});
 }
 
+void Timeline::addHal(HalRecord::Kind kind, const char *name, int64_t value)
+{
+    HalRecord record;
+    record.when = Clock::now();
+    record.tid = currentThreadId();
+    record.kind = kind;
+    record.value = value;
+    if (name)
+        record.name = name;
+    addHal(std::move(record));
+}
+
+void Timeline::addHal(HalRecord record)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    hal_.push_back(std::move(record));
+}
+
 void Timeline::clear()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     events_.clear();
     logs_.clear();
     marks_.clear();
+    hal_.clear();
 }
 
 size_t Timeline::eventCount() const
@@ -432,16 +689,24 @@ size_t Timeline::logCount() const
     return logs_.size();
 }
 
+size_t Timeline::halCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return hal_.size();
+}
+
 std::string Timeline::json() const
 {
     std::vector<TraceEvent> events;
     std::vector<LogRecord> logs;
     std::vector<MarkRecord> marks;
+    std::vector<HalRecord> hal;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         events = events_;
         logs = logs_;
         marks = marks_;
+        hal = hal_;
     }
     // Listeners run on several threads: put everything in time order.
     std::stable_sort(events.begin(), events.end(),
@@ -456,13 +721,16 @@ std::string Timeline::json() const
         b.origin = std::min(b.origin, l.when);
     for (const auto &m : marks)
         b.origin = std::min(b.origin, m.start);
+    for (const auto &h : hal)
+        b.origin = std::min(b.origin, h.when);
     if (b.origin == Clock::time_point::max())
         b.origin = Clock::now();
 
-    b.meta(kLinksPid, 0, "process_name", "links", kLinksPid);
-    b.meta(kThreadsPid, 0, "process_name", "module threads", kThreadsPid);
-    b.meta(kActivityPid, 0, "process_name", "module activity (from wire and log)", kActivityPid);
-    b.meta(kSessionPid, 0, "process_name", "session", kSessionPid);
+    // The module's threads above the wire they drive.
+    b.meta(kThreadsPid, 0, "process_name", "module threads", 1);
+    b.meta(kLinksPid, 0, "process_name", "links", 2);
+    b.meta(kActivityPid, 0, "process_name", "module activity (from wire and log)", 3);
+    b.meta(kSessionPid, 0, "process_name", "session", 4);
     b.meta(kActivityPid, kRowDspWaits, "thread_name", "dsp reply waits", kRowDspWaits);
     b.meta(kActivityPid, kRowFileTransfer, "thread_name", "dsp file transfer", kRowFileTransfer);
     b.meta(kActivityPid, kRowPtzRequests, "thread_name", "ptz requests", kRowPtzRequests);
@@ -517,13 +785,19 @@ std::string Timeline::json() const
         }
     }
 
-    // Module threads: one row each, named by the tags it logged with.
+    // Module threads: one row each, named by the tags it logged with, or
+    // when it did not log, by its outermost spans.
+    std::map<int, std::vector<std::string>> areasOf;
+    const size_t unmatchedEnds = buildHal(b, hal, areasOf);
     std::map<int, std::vector<std::string>> tagsOf;
     for (const auto &l : logs) {
         auto &tags = tagsOf[l.tid];
         if (std::find(tags.begin(), tags.end(), l.tag) == tags.end())
             tags.push_back(l.tag);
     }
+    for (const auto &[tid, areas] : areasOf)
+        if (!tagsOf.count(tid))
+            tagsOf[tid] = areas;
     for (const auto &[tid, tags] : tagsOf) {
         std::string name = "thread " + std::to_string(tid) + ":";
         for (size_t k = 0; k < tags.size() && k < 3; ++k)
@@ -555,7 +829,10 @@ std::string Timeline::json() const
 
     nlohmann::json doc = {{"traceEvents", std::move(b.events)},
                 {"displayTimeUnit", "ms"},
-                {"otherData", {{"producer", "avmanager virtual board"}, {"clock", "steady, microseconds from the first record"}}}};
+                {"otherData", {{"producer", "avmanager virtual board"},
+                               {"clock", "steady, microseconds from the first record"},
+                               {"module trace calls", hal.size()},
+                               {"module span ends without their begin", unmatchedEnds}}}};
     // Bytes from peripherals may be anything: replace what is not UTF-8.
     return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
@@ -564,27 +841,50 @@ bool Timeline::write(const std::string &path, std::string *error) const
 {
     const std::string text = json();
     const std::string temp = path + ".part";
-    {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        if (!out) {
-            if (error)
-                *error = "cannot open " + temp;
-            return false;
-        }
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        out.close();
-        if (!out) {
-            if (error)
-                *error = "cannot write " + temp;
-            return false;
-        }
-    }
-    if (std::rename(temp.c_str(), path.c_str()) != 0) {
+    auto fail = [&](const std::string &what) {
+        const int err = errno;
         if (error)
-            *error = "cannot rename " + temp + " to " + path;
+            *error = what + ": " + std::strerror(err);
         std::remove(temp.c_str());
         return false;
+    };
+    // Opened without waiting (a pipe with no reader fails at once rather
+    // than hold the open, and with it every path call umockdev serialises,
+    // module threads' included); the writes then wait as usual.
+    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644);
+    if (fd < 0)
+        return fail("cannot open " + temp);
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        const int err = errno;
+        ::close(fd);
+        errno = err;
+        return fail("cannot open " + temp);
     }
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            const int err = n < 0 ? errno : EIO;
+            ::close(fd);
+            errno = err;
+            return fail("cannot write " + temp);
+        }
+        done += static_cast<size_t>(n);
+    }
+    // A disk that fills up may only say so when the data is flushed.
+    if (::fsync(fd) != 0 && errno != EINVAL && errno != EROFS) {
+        const int err = errno;
+        ::close(fd);
+        errno = err;
+        return fail("cannot write " + temp);
+    }
+    if (::close(fd) != 0)
+        return fail("cannot write " + temp);
+    if (std::rename(temp.c_str(), path.c_str()) != 0)
+        return fail("cannot rename " + temp + " to " + path);
     return true;
 }
 

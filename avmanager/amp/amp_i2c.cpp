@@ -12,6 +12,7 @@
  * State:
  *   gAmpI2cWriteFailCount  failed wrapper-level writes; bumped by any thread
  *                          (relaxed atomic: it is only ever printed).
+ *   tTransactions          transfers made by the calling thread (thread-local).
  */
 #include "amp/amp_i2c.h"
 
@@ -37,6 +38,15 @@ constexpr int kWaitRounds = 300;
 constexpr unsigned kWaitStepUs = 1000;
 
 #define AMP_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, TAG, __VA_ARGS__)
+
+thread_local uint32_t tTransactions = 0;
+
+// One transfer on the bus: what the tracer's transaction count counts.
+int transfer(int fd, unsigned long request, void *args)
+{
+    ++tTransactions;
+    return ioctl(fd, request, args);
+}
 
 int openBus(unsigned int bus)
 {
@@ -81,7 +91,7 @@ int smbusTransfer(int fd, uint8_t readWrite, uint8_t reg, uint32_t size, i2c_smb
     args.command = reg;
     args.size = size;
     args.data = data;
-    return ioctl(fd, I2C_SMBUS, &args);
+    return transfer(fd, I2C_SMBUS, &args);
 }
 
 bool blockLengthValid(int length)
@@ -110,6 +120,11 @@ void sleepMicroseconds(unsigned long us)
 extern "C" {
 
 std::atomic<uint32_t> gAmpI2cWriteFailCount{0};
+
+uint32_t amp_i2c_transactions_on_this_thread(void)
+{
+    return tTransactions;
+}
 
 int Standard_i2c_open(unsigned int bus)
 {
@@ -222,7 +237,7 @@ int aml_write_i2c_byte_block(unsigned int bus, uint8_t addr, uint8_t reg, int le
     i2c_rdwr_ioctl_data rdwr{};
     rdwr.msgs = &msg;
     rdwr.nmsgs = 1;
-    int ret = ioctl(fd, I2C_RDWR, &rdwr);
+    int ret = transfer(fd, I2C_RDWR, &rdwr);
     close(fd);
     if (ret < 0)
         AMP_LOGE("ERROR: Unable to write data: 0x%x to 0x%x\n", buffer[1], reg);
@@ -257,7 +272,7 @@ int aml_read_i2c_byte_block(unsigned int bus, uint8_t addr, uint8_t reg, int len
     i2c_rdwr_ioctl_data rdwr{};
     rdwr.msgs = msgs.data();
     rdwr.nmsgs = static_cast<uint32_t>(msgs.size());
-    int ret = ioctl(fd, I2C_RDWR, &rdwr);
+    int ret = transfer(fd, I2C_RDWR, &rdwr);
     close(fd);
     if (ret < 0)
         AMP_LOGE("ERROR: read data 0x%x from address 0x%x\n", length > 0 ? buffer[0] : 0, reg);

@@ -35,6 +35,11 @@ int read_i2c_byte_block(unsigned int bus, uint8_t addr, uint8_t reg, int length,
 int aml_write_i2c_byte_block(unsigned int bus, uint8_t addr, uint8_t reg, int length, const uint8_t *data);
 int aml_read_i2c_byte_block(unsigned int bus, uint8_t addr, uint8_t reg, int length, uint8_t *out);
 
+/* Transfers (one I2C_SMBUS or I2C_RDWR request each) the calling thread
+ * has made since it started; a programming or a format switch reports its
+ * own count to the tracer as the difference. */
+uint32_t amp_i2c_transactions_on_this_thread(void);
+
 int HV2_I2CWrite(uint8_t addr, uint8_t reg, uint8_t value);
 uint8_t HV2_I2CRead(uint8_t addr, uint8_t reg);
 int HV2_I2CMaskWrite(uint8_t addr, uint8_t reg, uint8_t mask, uint8_t value);

@@ -21,7 +21,10 @@
  *   gAmpMeetingActive   meeting format programmed and not yet left; under
  *                       gAmpSwitchMutex
  */
+#include "common/avm_trace.h"
 #include "amp/amp_program.h"
+
+#include <cstdio>
 
 #include <pthread.h>
 
@@ -65,6 +68,35 @@ using EqRows = const uint32_t (*)[AMP_EQ_TAB_COLS];
 uint8_t low8(uint32_t value)
 {
     return static_cast<uint8_t>(value & 0xFF);
+}
+
+// Traces how many I2C transactions the scope made, when it ends.
+struct TransactionCount {
+    TransactionCount() : first(amp_i2c_transactions_on_this_thread()) {}
+    ~TransactionCount()
+    {
+        ATRACE_INT64(kTraceAmpTransactions, static_cast<int64_t>(amp_i2c_transactions_on_this_thread() - first));
+    }
+    TransactionCount(const TransactionCount &) = delete;
+    TransactionCount &operator=(const TransactionCount &) = delete;
+
+    const uint32_t first;
+};
+
+// What the trace calls a format.
+const char *formatName(int format, char *buf, size_t size)
+{
+    switch (format) {
+    case AMP_FORMAT_FLOOR:
+        return "floor";
+    case AMP_FORMAT_WALL:
+        return "wall";
+    case AMP_FORMAT_MEETING:
+        return "meeting";
+    default:
+        snprintf(buf, size, "%d", format);
+        return buf;
+    }
 }
 
 struct TablesGuard {
@@ -203,6 +235,7 @@ std::atomic<int> mDeviceExistStatus{0};
 
 int acm8625m_get_dev_status(void)
 {
+    AvmTraceSpan span(kTraceAmpPresenceCheck);
     int ok = 0;
     for (int i = 0; i < kPresenceReads; ++i) {
         uint8_t value = 0;
@@ -332,7 +365,9 @@ void Amp_Reg_Init_RL_MEETING(void)
 // Programs the AD82120-style start-up tables whatever the fitting.
 void HV_SetPIDAMP_Parameter(void)
 {
+    AvmTraceSpan span(kTraceAmpProgramming);
     pthread_mutex_lock(&gAmpSwitchMutex);
+    TransactionCount transactions;
     adWriteMute(AMP_AD82120_RL_ADDR, kAdStartupMute);
     adWriteMute(AMP_AD82120_SUB_ADDR, kAdStartupMute);
     Amp_Reg_Init_RL_PID();
@@ -344,12 +379,16 @@ void HV_SetPIDAMP_Parameter(void)
 
 void HV_SetSoundEQ(int format)
 {
+    char number[16];
+    AvmTraceSpan span(kTraceAmpFormatSwitch, "format=%s", formatName(format, number, sizeof number));
     pthread_mutex_lock(&gAmpSwitchMutex);
     if (format == gAmpSoundFormat) {
+        avmTraceMark(kTraceAmpSameFormat);
         __android_log_print(ANDROID_LOG_ERROR, TAG, "[HV_SetSoundEQ] same format(%d), return !\n", format);
         pthread_mutex_unlock(&gAmpSwitchMutex);
         return;
     }
+    TransactionCount transactions;
 
     const bool acm = mDeviceExistStatus.load(std::memory_order_relaxed) == 1;
     int mainMuted;

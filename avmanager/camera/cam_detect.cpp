@@ -22,6 +22,7 @@
  *
  * Log tag "DETECT_HAL".
  */
+#include "common/avm_trace.h"
 #include "camera/cam_detect.h"
 
 #include <cerrno>
@@ -248,6 +249,7 @@ int detectCamVersion(void)
     if (readsVersionThroughUsb(cam)) {
         // The USB tool answers 0 when it ran, so nothing is stored here and
         // these cameras keep asking on every pass; deliberate.
+        AvmTraceSpan span(kTraceCamUsbVersion);
         int ret = usbtool_getCamVersion(cam.vid, cam.pid);
         if (ret >= 1) {
             char text[16];
@@ -256,6 +258,7 @@ int detectCamVersion(void)
         }
         return 0;
     }
+    AvmTraceSpan span(kTraceHidVersionRequest);
     return sendVersionRequest(cam);
 }
 

@@ -38,6 +38,7 @@
  *
  * Log tag "hidraw".
  */
+#include "common/avm_trace.h"
 #include "camera/cam_hid.h"
 
 #include <cerrno>
@@ -421,6 +422,7 @@ void hal_hidraw_handle_report(const uint8_t *report, int n)
     copy[size] = 0;
     if (size >= sizeof kVersionAnswerHead && memcmp(copy, kVersionAnswerHead, sizeof kVersionAnswerHead) == 0) {
         const char *text = size > kVersionTextOffset ? reinterpret_cast<const char *>(copy + kVersionTextOffset) : "";
+        AvmTraceSpan span(kTraceHidVersionAnswer);
         detectHal_camera_version_update(text);
     }
     LOGD("CamHidTransferFile: recved size %d ", static_cast<int>(size));

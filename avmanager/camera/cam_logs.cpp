@@ -27,6 +27,7 @@
  *
  * Log tag "CamHidTransferFile".
  */
+#include "common/avm_trace.h"
 #include "camera/cam_logs.h"
 
 #include <cerrno>
@@ -177,6 +178,7 @@ void handleData(const uint8_t *report, int length)
         file_xfer_write(gCamFileContext.file, offset, report + kDataAt, dataSize);
     const uint32_t received = offset + dataSize;
     gCamFileContext.received.store(received);
+    ATRACE_INT64(kTraceHidFileBytes, received);
     const uint32_t total = gCamFileContext.totalSize.load();
     if (gCamFileContext.debug.load(std::memory_order_relaxed))
         LOGI("recv file size %d dataSize %d total size %d!", static_cast<int>(received),
@@ -250,6 +252,7 @@ int getCamLog(const char *name, const char *dir)
             snprintf(savePath, sizeof savePath, "%s/%s_%d.log", dir, name, k);
             snprintf(requestName, sizeof requestName, "%s/%s_%d.log", CAM_LOG_REMOTE_DIR, name, k);
         }
+        AvmTraceSpan file(kTraceHidFile, "part=%d", k);
         claimContext();
         LOGI("request file = %s \n", requestName);
         LOGI("save file = %s \n", savePath);
@@ -285,6 +288,7 @@ int getCamLog(const char *name, const char *dir)
             dropFile();
             continue;
         }
+        avmTraceMark(kTraceHidFileRefused);
         if (!gCamFileContext.done.load()) {
             LOGE("cant not request = %s \n", requestName);
             gCamFileContext.done.store(0);
@@ -312,8 +316,11 @@ int getCamLogs(const char *dir)
         LOGE("mkdir %s error", logDir);
         return 0;
     }
-    for (const char *name : kCamLogNames)
+    AvmTraceSpan span(kTraceHidLogs);
+    for (const char *name : kCamLogNames) {
+        AvmTraceSpan log(kTraceHidLog, "name=%s", name);
         getCamLog(name, logDir);
+    }
     return 1;
 }
 

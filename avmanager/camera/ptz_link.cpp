@@ -20,6 +20,7 @@
  *  gPtzRxPacket  the frame being assembled by the receiver;
  *  gPtzDebugLevel 1 or more turns on frame dumps and debug logs.
  */
+#include "common/avm_trace.h"
 #include "camera/ptz_link.h"
 
 #include <cerrno>
@@ -236,7 +237,9 @@ int ptz_tx_protocol_handle(PtzMsg msg)
     if (wait && msg.cmd < PTZ_CMD_MAX)
         gPtzAckFlags[msg.cmd].store(0, std::memory_order_relaxed);
 
+    AvmTraceSpan request(kTracePtzRequest, "cmd=%u", static_cast<unsigned>(msg.cmd));
     for (int attempt = 1;;) {
+        AvmTraceSpan frame(kTracePtzFrame, "attempt=%d", attempt);
         int written = ptzHalWriteUsart(&pkt);
         if (written < 1) {
             // A failed write is not retried.
@@ -246,10 +249,13 @@ int ptz_tx_protocol_handle(PtzMsg msg)
         if (!wait)
             return written;
         for (int poll = 0; poll < kAckPolls; ++poll) {
-            if (ackSet(msg.cmd))
+            if (ackSet(msg.cmd)) {
+                avmTraceMark(kTracePtzAnswered);
                 return written;
+            }
             usleep(kAckPollUs);
         }
+        avmTraceMark(kTracePtzTimedOut);
         LOGI("ptzHalWriteUsart no ack,count:%d\n", attempt);
         if (++attempt > kSendAttempts)
             return -1;
@@ -349,6 +355,7 @@ void ptz_parse_packet(const PtzPacket *pkt)
             break;
         }
     }
+    AvmTraceSpan span(kTracePtzReceive, "cmd=%d", entry ? static_cast<int>(entry->cmd) : -1);
     if (!entry)
         return;
     // Camera-initiated rows never wait, so answering here does not block.
@@ -384,10 +391,12 @@ void *camera_ptzControl_tx_thread(void *)
     while (gPtzHalDev.running.load()) {
         uint32_t type = 0;
         uint32_t value = 0;
-        if (recvMsgFromCameraPipe(&type, &value))
+        if (recvMsgFromCameraPipe(&type, &value)) {
+            AvmTraceSpan span(kTracePtzPipeMessage, "type=%u", static_cast<unsigned>(type));
             camera_ptzControl_parse_msg_tx(type, value);
-        else
+        } else {
             usleep(kIdleUs);
+        }
     }
     pthread_exit(nullptr);
 }

@@ -29,8 +29,10 @@
  *
  * State record gUsbHdmiOutDev (fields below), plus the heartbeat clock
  * gHeartbeatStartUs / gHeartbeatEndUs (tpstart / tpend, wall-clock
- * microseconds).
+ * microseconds), and for the tracer the number of the connect whose
+ * acknowledgement is awaited (gAckWaitCookie).
  */
+#include "common/avm_trace.h"
 #include "codec/usb_hdmi_out.h"
 #include "common/usb_descriptors.h"
 
@@ -103,6 +105,10 @@ UsbHdmiOutDev gUsbHdmiOutDev{{0}, {0}, {0}, {0}, {0}, {0}, {0}, {}, {false},
                              nullptr, nullptr, {}};
 std::atomic<int64_t> gHeartbeatStartUs{0}; // tpstart: set by connect and each heartbeat
 std::atomic<int64_t> gHeartbeatEndUs{0};   // tpend: set by each heartbeat offer
+// While tracing: the connect whose acknowledgement is awaited (0: none),
+// and the last connect number handed out. Service threads and the reader.
+std::atomic<int32_t> gAckWaitCookie{0};
+std::atomic<uint32_t> gConnectCount{0};
 
 pthread_once_t gLocksOnce = PTHREAD_ONCE_INIT;
 
@@ -198,6 +204,37 @@ int startReader()
     else
         gUsbHdmiOutDev.readThreadRunning.store(0, std::memory_order_relaxed);
     return ret;
+}
+
+// Ends the traced wait for an acknowledgement, if one is open: it came,
+// or the connection it was for is gone.
+void endAckWait()
+{
+    const int32_t cookie = gAckWaitCookie.exchange(0);
+    if (cookie != 0)
+        ATRACE_ASYNC_END(kTraceHdmiAckWait, cookie);
+}
+
+// Starts the traced wait for the acknowledgement of a connect (ending one
+// still open from an earlier connect).
+void beginAckWait()
+{
+    if (!ATRACE_ENABLED())
+        return;
+    int32_t cookie = static_cast<int32_t>((gConnectCount.fetch_add(1) + 1u) & 0x7FFFFFFFu);
+    if (cookie == 0)
+        cookie = 1;
+    ATRACE_ASYNC_BEGIN(kTraceHdmiAckWait, cookie);
+    const int32_t earlier = gAckWaitCookie.exchange(cookie);
+    if (earlier != 0)
+        ATRACE_ASYNC_END(kTraceHdmiAckWait, earlier);
+}
+
+// Bulk transfers a data packet takes: its header, then the payload in
+// transfers of 512 bytes, the last one padded.
+int packetTransfers(int length)
+{
+    return 1 + (length > 0 ? (length + USB_HDMI_OUT_XFER_SIZE - 1) / USB_HDMI_OUT_XFER_SIZE : 0);
 }
 
 bool isAck(const uint8_t *buf)
@@ -358,6 +395,8 @@ void *usb_hdmiOut_read_thread(void *)
         if (len > 0 && isAck(buf)) {
             LOGE("usb_hdmiOut read ack success %d %d %d %d %d!", buf[0], buf[1], buf[2], buf[3], buf[4]);
             gUsbHdmiOutDev.acknowledged.store(1, std::memory_order_relaxed);
+            endAckWait();
+            AvmTraceSpan echo(kTraceHdmiAckEcho);
             const int ret = usb_hdmiOut_bulk_xfer(
                 static_cast<int>(gUsbHdmiOutDev.outEndpoint.load(std::memory_order_relaxed)), buf, sizeof buf);
             if (ret < 0)
@@ -371,6 +410,7 @@ void *usb_hdmiOut_read_thread(void *)
 
 int codecHal_usb_hdmiOut_init(int vendorId, int productId)
 {
+    AvmTraceSpan span(kTraceHdmiInit);
     ensureLocks();
     snprintf(gUsbHdmiOutDev.target, sizeof gUsbHdmiOutDev.target, "%04x:%04x", static_cast<unsigned>(vendorId),
              static_cast<unsigned>(productId));
@@ -390,10 +430,12 @@ int codecHal_usb_hdmiOut_init(int vendorId, int productId)
 
 int codecHal_usb_hdmiOut_deinit(void)
 {
+    AvmTraceSpan span(kTraceHdmiDeinit);
     ensureLocks();
     gUsbHdmiOutDev.readThreadRunning.store(0, std::memory_order_relaxed);
     freeHostContext();
     gUsbHdmiOutDev.acknowledged.store(0, std::memory_order_relaxed);
+    endAckWait();
     gUsbHdmiOutDev.connected.store(0, std::memory_order_relaxed);
     closeDevice(true);
     if (gUsbHdmiOutDev.readerStarted.exchange(false))
@@ -403,11 +445,13 @@ int codecHal_usb_hdmiOut_deinit(void)
 
 int codecHal_usb_hdmiOut_connect(void)
 {
+    AvmTraceSpan span(kTraceHdmiConnect);
     gUsbHdmiOutDev.ctrlRequestType.store(kConnectRequestType, std::memory_order_relaxed);
     gUsbHdmiOutDev.ctrlRequest.store(kConnectRequest, std::memory_order_relaxed);
     if (!gUsbHdmiOutDev.connected.load(std::memory_order_relaxed) && usb_hdmiOut_host_init() < 0)
         return 0;
     // The converter answers with its acknowledgement, not with this result.
+    beginAckWait();
     usb_hdmiOut_control_xfer();
     LOGI("codecHal_usb_hdmiOut_connect success!");
     gHeartbeatStartUs.store(wallClockUs(), std::memory_order_relaxed);
@@ -418,9 +462,11 @@ int codecHal_usb_hdmiOut_disconnect(void)
 {
     // The transfer's result is not looked at: the one line logged is the
     // success line, whatever the transfer did.
+    AvmTraceSpan span(kTraceHdmiDisconnect);
     sendLinkPacket(USB_HDMI_OUT_TYPE_DISCONNECT);
     LOGI("codecHal_usb_hdmiOut_disconnect success!");
     gUsbHdmiOutDev.acknowledged.store(0, std::memory_order_relaxed);
+    endAckWait();
     return 1;
 }
 
@@ -467,6 +513,7 @@ int codecHal_usb_hdmiOut_send_heartBeat(int type, int TotalLen, int ThisLen, int
         return 0;
     // A failed heartbeat is reported by the result only; the line logged
     // is the packet's summary.
+    AvmTraceSpan span(kTraceHdmiHeartbeat);
     const int ret = sendLinkPacket(USB_HDMI_OUT_TYPE_HEARTBEAT);
     LOGI("ThisLen %d TotalLen %d Width %d Height %d", ThisLen, TotalLen, Width, Height);
     gHeartbeatStartUs.store(wallClockUs(), std::memory_order_relaxed);
@@ -496,7 +543,11 @@ int codecHal_usb_hdmiOut_data_process(int type, int TotalLen, int ThisLen, int p
                 static_cast<uint32_t>(TotalLen), static_cast<uint32_t>(param1) & 0xff,
                 static_cast<uint32_t>(param2) & 0xff, static_cast<uint32_t>(param3) & 0xff,
                 static_cast<uint32_t>(Width) & 0xffff, static_cast<uint32_t>(Height) & 0xffff);
-    codecHal_usb_hdmiOut_send_data(header, payload, ThisLen);
+    {
+        AvmTraceSpan span(kTraceHdmiPacket, "type=%d length=%d transfers=%d", type & 0xffff, ThisLen,
+                          packetTransfers(ThisLen));
+        codecHal_usb_hdmiOut_send_data(header, payload, ThisLen);
+    }
     codecHal_usb_hdmiOut_send_heartBeat(type, TotalLen, ThisLen, param1, param2, param3, Width, Height);
     // The transfers' results are logged, not reported.
     return 0;
@@ -541,6 +592,8 @@ void usb_hdmiOut_resetForTest(void)
     memset(gUsbHdmiOutDev.target, 0, sizeof gUsbHdmiOutDev.target);
     gHeartbeatStartUs.store(0);
     gHeartbeatEndUs.store(0);
+    gAckWaitCookie.store(0);
+    gConnectCount.store(0);
 }
 #endif
 

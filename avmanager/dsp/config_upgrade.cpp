@@ -15,6 +15,7 @@
  * (file_transfer), which keeps the last transfer's values until the next
  * check zeroes it.
  */
+#include "common/avm_trace.h"
 #include "dsp/config_upgrade.h"
 
 #include <fcntl.h>
@@ -145,9 +146,20 @@ int retrySendMsg(const char *request, int index)
     memset(&msg, 0, sizeof(msg));
     snprintf(msg.text, sizeof(msg.text), "%s", request);
 
+    const int wordLength = static_cast<int>(strlen(entry.cmd)) - 1; // without its "="
+    AvmTraceSpan span(kTraceDspFileRequest, "word=%.*s", wordLength, entry.cmd);
+    // A chunk's writes are named by the chunk the sender recorded.
+    const bool chunk = index == FILE_OPS_WDAT;
+    const PrepareToSendFileInfo inFlight =
+        span.active && chunk ? file_xfer_descriptor_get() : PrepareToSendFileInfo{};
     entry.replied.store(0, std::memory_order_relaxed);
     entry.accepted.store(0, std::memory_order_relaxed);
     for (int attempt = 0; attempt < kSendAttempts; ++attempt) {
+        AvmTraceSpan write = chunk ? AvmTraceSpan(kTraceDspChunk, "offset=%u length=%u attempt=%d",
+                                                  static_cast<unsigned>(inFlight.offset),
+                                                  static_cast<unsigned>(inFlight.chunkLen), attempt + 1)
+                                   : AvmTraceSpan(kTraceDspFileSend, "word=%.*s attempt=%d", wordLength,
+                                                  entry.cmd, attempt + 1);
         if (dspHalWriteUsart(msg) < 1) {
             LOGE("write uart failed\n");
             return 0;
@@ -155,18 +167,24 @@ int retrySendMsg(const char *request, int index)
         for (int poll = 0; poll < kPollsPerAttempt; ++poll) {
             usleep(kPollIntervalUs);
             if (entry.replied.load(std::memory_order_acquire)) {
-                if (entry.accepted.load(std::memory_order_relaxed))
+                if (entry.accepted.load(std::memory_order_relaxed)) {
+                    avmTraceMark(kTraceDspAnswered);
                     return 1;
+                }
+                avmTraceMark(kTraceDspNotAccepted);
                 LOGE("dsp not respond corrent\n");
                 return 0;
             }
         }
+        avmTraceMark(kTraceDspTimedOut);
         // The flags are deliberately not cleared between attempts.
         LOGE("dsp not respond\n");
     }
     if (entry.replied.load(std::memory_order_acquire) &&
-        entry.accepted.load(std::memory_order_relaxed))
+        entry.accepted.load(std::memory_order_relaxed)) {
+        avmTraceMark(kTraceDspAnswered); // late, after the last write's wait
         return 1;
+    }
     LOGE("dsp not respond corrent\n");
     return 0;
 }
@@ -196,11 +214,13 @@ int isNeedToUpgradeAllConfigs(void)
 
 int upgradeAllConfigs(void)
 {
+    AvmTraceSpan span(kTraceDspConfigUpgrade);
     if (!isNeedToUpgradeAllConfigs()) {
         LOGE("NOT Need To Upgrade AllConfigs\n");
         return 0;
     }
     PrepareToSendFileInfo info = file_xfer_descriptor_get();
+    AvmTraceSpan file(kTraceDspFileTransfer, "size=%u", static_cast<unsigned>(info.fileLen));
     if (!start_send_file_to_dsp(info)) {
         LOGE("start_send_file_to_dsp failed\n");
         return 0;

@@ -16,14 +16,20 @@
  * the receive thread; the short-lived restore thread; the file-transfer
  * code writes the port directly through dspHalWriteUsart.
  *
+ * Tracing: while it is on, each post is numbered and the number travels
+ * in the record's length word (unused when sending) to the transmit
+ * thread, which ends the post's "dsp command" span once the command is
+ * on the port; the pipe's depth is a counter.
+ *
  * State: gDspHalDev (port, thread handles, running flag), gDspFifoDev (the
  * pipe's ends), dspLock, initParameterLock, dspUartWriteLock,
- * gFifoWriteEndLock. No lock is held while another is taken:
+ * gFifoWriteEndLock, gCommandCookies. No lock is held while another is taken:
  * dspUartWriteLock covers one port write, gFifoWriteEndLock one pipe write
  * (shared) or the close of a failed write end (exclusive).
  *
  * Log tag "DSP".
  */
+#include "common/avm_trace.h"
 #include "dsp/dsp_link.h"
 
 #include <cerrno>
@@ -34,6 +40,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -78,6 +85,8 @@ namespace {
 // file-transfer code. Lives for the whole process: threads started by the
 // link (the parameter restore) may outlive it.
 pthread_mutex_t dspUartWriteLock = PTHREAD_MUTEX_INITIALIZER;
+// The last post number handed out while tracing (any posting thread).
+std::atomic<uint32_t> gCommandCookies{0};
 // Whether dspLock is currently initialised (service thread).
 std::atomic<bool> gDspLockLive{true};
 // Shared by posters while they write the pipe's write end, exclusive while
@@ -107,6 +116,71 @@ constexpr mode_t kFifoMode = 0777;
 const char *fifoPath(char *buf, size_t size)
 {
     return avm_path(DSP_FIFO_PATH, buf, size);
+}
+
+// The next post number: positive, never 0 (a length word of 0 carries none).
+int32_t nextCommandCookie()
+{
+    for (;;) {
+        const uint32_t n = gCommandCookies.fetch_add(1, std::memory_order_relaxed) + 1;
+        const int32_t cookie = static_cast<int32_t>(n & 0x7FFFFFFFu);
+        if (cookie != 0)
+            return cookie;
+    }
+}
+
+// The requests waiting in the pipe, as a counter (either end tells).
+void traceQueuedCommands(int32_t fd)
+{
+    int bytes = 0;
+    if (ioctl(fd, FIONREAD, &bytes) == 0)
+        ATRACE_INT(kTraceDspQueued, bytes / static_cast<int>(sizeof(DspRequest)));
+}
+
+// A posted command left the queue: written to the port, failed there, or
+// dropped. Requests the link writes directly carry no number.
+void endCommandSpan(const DspRequest &request)
+{
+    if (request.length != 0)
+        ATRACE_ASYNC_END(kTraceDspCommand, static_cast<int32_t>(request.length));
+}
+
+// What the trace calls a command code; nullptr for a code the transmit
+// thread drops.
+const char *commandKind(int32_t cmd)
+{
+    switch (cmd) {
+    case DSP_CMD_KEY:
+        return "key";
+    case DSP_CMD_SPDIF_VOLUME:
+        return "spdif_volume";
+    case DSP_CMD_POWER_DOWN:
+        return "power_down";
+    case DSP_CMD_VERSION:
+        return "version";
+    case DSP_CMD_MIC_TEST:
+        return "mic_test";
+    case DSP_CMD_TEST_TONE:
+        return "test_tone";
+    case DSP_CMD_MIC_TEST_RESULT:
+        return "mic_test_result";
+    case DSP_CMD_EQ_MODEL:
+        return "eq_model";
+    case DSP_CMD_MAIN_VOLUME:
+        return "main_volume";
+    case DSP_CMD_MAIN_MUTE:
+        return "main_mute";
+    case DSP_CMD_HOTPLUG:
+        return "hotplug";
+    case DSP_CMD_BALANCE:
+        return "balance";
+    case DSP_CMD_EQ:
+        return "eq";
+    case DSP_CMD_FREE_TEXT:
+        return "text";
+    default:
+        return nullptr;
+    }
 }
 
 // Copies text into a request's text field: at most 511 characters and a
@@ -287,6 +361,13 @@ int dsp_mkfifo_write(DspRequest request)
         LOGE("%s:%d, read error.(%s)\n", __func__, __LINE__, strerror(errno));
         return -1;
     }
+    // Numbered before the write: the transmit thread may take the record
+    // at once.
+    const int32_t cookie = ATRACE_ENABLED() ? nextCommandCookie() : 0;
+    if (cookie != 0) {
+        request.length = static_cast<uint32_t>(cookie);
+        ATRACE_ASYNC_BEGIN(kTraceDspCommand, cookie);
+    }
     // Posters write side by side under the shared hold; dropping the end
     // takes the exclusive one, so no poster can be left holding a number
     // that was closed and handed to another file.
@@ -294,8 +375,12 @@ int dsp_mkfifo_write(DspRequest request)
     int32_t fd = gDspFifoDev.writeFd.load(std::memory_order_acquire);
     ssize_t ret = write(fd, &request, sizeof(request));
     int err = errno;
+    if (cookie != 0 && ret >= 1)
+        traceQueuedCommands(fd);
     pthread_rwlock_unlock(&gFifoWriteEndLock);
     if (ret < 1) {
+        if (cookie != 0)
+            endCommandSpan(request);
         // Drop the end so the next request opens it afresh.
         pthread_rwlock_wrlock(&gFifoWriteEndLock);
         int32_t expected = fd;
@@ -349,6 +434,7 @@ int dspHalWriteUsart(DspRequest request)
     ssize_t ret = writeUsartDevice(gDspHalDev.fd.load(std::memory_order_acquire), request.text, length);
     if (locked)
         pthread_mutex_unlock(&dspUartWriteLock);
+    endCommandSpan(request);
     if (ret >= 1) {
         LOGI("%s,%d : %s\r\n", __func__, __LINE__, request.text);
         // Paces every sender: the DSP needs the pause between commands.
@@ -454,6 +540,8 @@ int dsp_tx_protocol_handle(DspRequest request)
         break;
     default:
         // Unknown codes are dropped without a word.
+        avmTraceMark(kTraceDspDropped);
+        endCommandSpan(request);
         return -1;
     }
     return dspHalWriteUsart(request);
@@ -464,10 +552,20 @@ void *dspHal_tx_thread(void *)
     while (gDspHalDev.running.load(std::memory_order_acquire)) {
         DspRequest request;
         memset(&request, 0, sizeof(request));
-        if (dsp_mkfifo_read(&request) >= 1)
+        if (dsp_mkfifo_read(&request) >= 1) {
+            char unknown[24];
+            const char *kind = commandKind(request.cmd);
+            if (kind == nullptr) {
+                snprintf(unknown, sizeof unknown, "code_%d", static_cast<int>(request.cmd));
+                kind = unknown;
+            }
+            AvmTraceSpan span(kTraceDspWrite, "kind=%s", kind);
+            if (span.active)
+                traceQueuedCommands(gDspFifoDev.readFd.load(std::memory_order_acquire));
             dsp_tx_protocol_handle(request);
-        else
+        } else {
             waitForRequest();
+        }
     }
     pthread_exit(nullptr);
 }
@@ -518,6 +616,7 @@ int dsp_rx_dispatch(const DspRequest *chunk)
     // One read is one reply: a chunk holding several replies is not split,
     // and only its start is looked at.
     int row = dsp_rx_match(text);
+    AvmTraceSpan span(kTraceDspReceive, "handler=%s", row > 0 ? kRxTable[row - 1].handlerName : "none");
     if (row > 0)
         kRxTable[row - 1].handle(text);
     // Every chunk is offered to the file transfer too, matched or not.

@@ -46,7 +46,8 @@ enum DspCmdCode {
 typedef struct DspRequest {
     int32_t cmd;     /* command code 1..29; 0 in received chunks */
     uint32_t param;  /* only the low byte is used */
-    uint32_t length; /* received chunks: bytes read */
+    uint32_t length; /* received chunks: bytes read; posted requests: 0, or the
+                        post's trace number while tracing is on */
     char text[DSP_REQUEST_TEXT_SIZE];
 } DspRequest;
 

@@ -17,6 +17,7 @@
  * text, including one shorter than its own prefix, and never writes
  * outside its buffers.
  */
+#include "common/avm_trace.h"
 #include "dsp/dsp_replies.h"
 
 #include <android/log.h>
@@ -264,9 +265,13 @@ void dsp_parse_EQInfo(const char *text)
 
 int dsp_parse_doa(const char *value)
 {
-    if (value == nullptr || !enableSendDoaToCamera() || !enableCameraCommunication())
+    if (value == nullptr)
         return 0;
-    return sendDoaToCameraPipe(static_cast<uint32_t>(dspParseInt(value)));
+    const int angle = dspParseInt(value);
+    ATRACE_INT(kTraceDspDoaAngle, angle);
+    if (!enableSendDoaToCamera() || !enableCameraCommunication())
+        return 0;
+    return sendDoaToCameraPipe(static_cast<uint32_t>(angle));
 }
 
 int dsp_parse_audio_out_mode(const char *value)

@@ -11,6 +11,7 @@
  * State: none of its own. The setters it calls post into the DSP link's
  * pipe and persist what they apply.
  */
+#include "common/avm_trace.h"
 #include "dsp/dsp_restore.h"
 
 #include <stdlib.h>
@@ -141,6 +142,7 @@ int initDspSpkEqMode(void)
  */
 int dspHalInitParameter(void)
 {
+    AvmTraceSpan span(kTraceDspRestore);
     if (upgradeAllConfigs() != 0) {
         LOGI("upgradeAllConfigs successful, abort init parameter!");
         return 1;

@@ -15,6 +15,7 @@
  *   gPrepareToSendFileInfo  the file in flight, under gFileInfoLock
  *                           (sending thread writes, receive thread reads)
  */
+#include "common/avm_trace.h"
 #include "dsp/file_transfer.h"
 
 #include <errno.h>
@@ -163,8 +164,11 @@ void dsp_rx_file_operations_handle(DspRequest message)
 {
     for (int i = 0; i < FILE_OPS_COUNT; ++i) {
         FileOpsInfo &entry = gFileOpsInfoList[i];
-        if (strncmp(message.text, entry.cmd, strlen(entry.cmd)) != 0)
+        const size_t wordLength = strlen(entry.cmd);
+        if (strncmp(message.text, entry.cmd, wordLength) != 0)
             continue;
+        // The word without its "=".
+        AvmTraceSpan span(kTraceDspFileAnswer, "word=%.*s", static_cast<int>(wordLength - 1), entry.cmd);
         if (entry.handler) {
             // The received text need not be terminated: work on a copy of
             // at most 512 bytes that always is.

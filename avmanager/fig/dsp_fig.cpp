@@ -29,6 +29,7 @@
  *
  * Log tag "DSP_FIG".
  */
+#include "common/avm_trace.h"
 #include "fig/dsp_fig.h"
 
 #include <bit>
@@ -200,9 +201,24 @@ bool restartAtNextStart(DspFigRxBuffer *rx)
     return true;
 }
 
+// What the trace calls each command frame.
+const char *frameName(const CommandFrame &frame)
+{
+    if (&frame == &kDoaOnFrame)
+        return "doa_on";
+    if (&frame == &kDoaOffFrame)
+        return "doa_off";
+    if (&frame == &kVersionFrame)
+        return "version";
+    if (&frame == &kUsbSwitchFrame)
+        return "usb_switch";
+    return "unknown";
+}
+
 // Writes one fixed command frame; its failure is only logged by the port.
 ssize_t sendCommand(const CommandFrame &frame)
 {
+    AvmTraceSpan span(kTraceFigSend, "frame=%s", frameName(frame));
     return writeUsartDevice(gDspFigDev.fd.load(std::memory_order_acquire), frame, sizeof(frame));
 }
 
@@ -217,6 +233,7 @@ void sendDoaByPolicy()
 
 void sendAck(uint8_t id)
 {
+    AvmTraceSpan span(kTraceFigAck, "id=%u", static_cast<unsigned>(id));
     const uint8_t ack[] = {DSP_FIG_FRAME_START, DSP_FIG_TYPE_REPLY, 1, id, crc8(&id, 1), DSP_FIG_FRAME_END};
     writeUsartDevice(gDspFigDev.fd.load(std::memory_order_acquire), ack, sizeof(ack));
 }
@@ -226,6 +243,7 @@ void micSwitchedOn()
     gDspFigDev.micOpen.store(1, std::memory_order_relaxed);
     if (gDspFigDev.micOn.load(std::memory_order_relaxed))
         return; // already acted on: repeated reports switch once
+    AvmTraceSpan span(kTraceFigMicOn);
     gDspFigDev.micOn.store(1, std::memory_order_relaxed);
     LOGI("%s: app doa request(%d), mic on(%d)\n", __func__,
          gDspFigDev.appDoaRequest.load(std::memory_order_relaxed), 1);
@@ -248,6 +266,7 @@ void micSwitchedOff()
     gDspFigDev.micOpen.store(0, std::memory_order_relaxed);
     if (!gDspFigDev.micOn.load(std::memory_order_relaxed))
         return;
+    AvmTraceSpan span(kTraceFigMicOff);
     gDspFigDev.micOn.store(0, std::memory_order_relaxed);
     LOGI("%s: app doa request(%d), mic on(%d)\n", __func__,
          gDspFigDev.appDoaRequest.load(std::memory_order_relaxed), 0);
@@ -282,8 +301,10 @@ void handleReply(const DspFigPacket *packet)
     if (length >= 2 && data[0] == kReplyDoaOn && data[1] == kReplyDone) {
         // The status is the inverse of whether reporting is on; kept so.
         gDspFigDev.doaStatus.store(kDoaStatusReporting, std::memory_order_relaxed);
+        ATRACE_INT(kTraceFigDoaReporting, 1);
     } else if (length >= 2 && data[0] == kReplyDoaOff && data[1] == kReplyDone) {
         gDspFigDev.doaStatus.store(kDoaStatusStopped, std::memory_order_relaxed);
+        ATRACE_INT(kTraceFigDoaReporting, 0);
     } else if (length >= 1 && data[0] == kReplyVersion) {
         char text[DSP_FIG_MAX_PAYLOAD + 1];
         memcpy(text, data + 1, length - 1);
@@ -327,11 +348,14 @@ void handleDoaReport(const DspFigPacket *packet)
              static_cast<double>(floatAt(packet, kDoaFloatOffsets[2])),
              static_cast<double>(floatAt(packet, kDoaFloatOffsets[3])),
              static_cast<double>(floatAt(packet, kDoaFloatOffsets[4])));
-    if (!(enableSendDoaToCamera() && enableCameraCommunication()))
-        return;
     // The angle is passed on truncated to an integer; a value no integer
     // holds (not a number, infinite, out of range) is not passed on.
-    if (!(angle >= -2147483648.0f && angle < 2147483648.0f)) {
+    const bool whole = angle >= -2147483648.0f && angle < 2147483648.0f;
+    if (whole)
+        ATRACE_INT(kTraceFigDoaAngle, static_cast<int32_t>(angle));
+    if (!(enableSendDoaToCamera() && enableCameraCommunication()))
+        return;
+    if (!whole) {
         if (debugOn())
             LOGD("%s: angle out of range, not sent\n", __func__);
         return;
@@ -458,6 +482,7 @@ void process_packet(const DspFigPacket *packet)
 {
     if (!packet)
         return;
+    AvmTraceSpan span(kTraceFigReceive, "type=%u", static_cast<unsigned>(packet->type));
     switch (packet->type) {
     case DSP_FIG_TYPE_COMMAND:
         handleCommand(packet);

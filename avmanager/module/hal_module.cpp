@@ -4,6 +4,7 @@
  * every subsystem keeps its own globals. Start-up has no roll-back: a
  * failing step returns -1 and leaves the earlier steps running.
  */
+#include "common/avm_trace.h"
 #include "avmanager_hal.h"
 
 #include <cstddef>
@@ -25,25 +26,41 @@
 
 extern "C" {
 
+// Each step of start-up is a span inside the whole, so a system trace of
+// the device's boot shows where start-up spends its time. A step that is
+// switched off is no span.
 int avmanager_hal_init(void)
 {
+    AvmTraceSpan span(kTraceInit);
     LOGD("[%s]!", __func__);
-    if (enableCameraCommunication())
+    if (enableCameraCommunication()) {
+        AvmTraceSpan step(kTraceInitCameraPipe);
         initCameraPipe(); // result ignored: the camera link reports its own failure
+    }
     // Runs before the DSP link exists: its request goes to descriptor 0 of
     // the not yet created pipe; what counts here is the stored property.
-    if (enableAudioWallFloorProp() && initDspSpkEqMode() < 0) {
-        LOGE("[%s]:initDspSpkEqMode failed!!", __func__);
-        return -1;
+    if (enableAudioWallFloorProp()) {
+        AvmTraceSpan step(kTraceInitSpeakerPlacement);
+        if (initDspSpkEqMode() < 0) {
+            LOGE("[%s]:initDspSpkEqMode failed!!", __func__);
+            return -1;
+        }
     }
-    if (enableDspCommunication() && dsp_process_init() < 0) {
-        LOGE("[%s]:dsp_process_init failed!!", __func__);
-        return -1;
+    if (enableDspCommunication()) {
+        AvmTraceSpan step(kTraceInitDspLink);
+        if (dsp_process_init() < 0) {
+            LOGE("[%s]:dsp_process_init failed!!", __func__);
+            return -1;
+        }
     }
-    if (enableCameraCommunication() && camera_ptzHal_init() < 0) {
-        LOGE("[%s]:camera_ptzHal_init failed!!", __func__);
-        return -1;
+    if (enableCameraCommunication()) {
+        AvmTraceSpan step(kTraceInitPtzLink);
+        if (camera_ptzHal_init() < 0) {
+            LOGE("[%s]:camera_ptzHal_init failed!!", __func__);
+            return -1;
+        }
     }
+    AvmTraceSpan step(kTraceInitDetection);
     int ret = detect_version_init();
     if (ret < 0) {
         LOGE("[%s]:detect_version_init failed!!", __func__);
@@ -56,11 +73,16 @@ int avmanager_hal_init(void)
 // thread keep running.
 int avmanager_hal_release(void)
 {
+    AvmTraceSpan span(kTraceRelease);
     LOGD("[%s]", __func__);
-    if (enableDspCommunication())
+    if (enableDspCommunication()) {
+        AvmTraceSpan step(kTraceReleaseDspLink);
         dsp_process_deinit();
-    if (enableCameraCommunication())
+    }
+    if (enableCameraCommunication()) {
+        AvmTraceSpan step(kTraceReleaseCameraPipe);
         return unInitCameraPipe();
+    }
     return 0;
 }
 

@@ -514,6 +514,18 @@ TEST_F(FileStoreModel, FaultModesRejectRepeatAndSilence)
     EXPECT_EQ(store.fileCommands().back(), "FINF=/data/misc/AllConfigs.bin");
 }
 
+TEST_F(FileStoreModel, AMissedChunkIsNeitherAnsweredNorStoredAndItsResendIsTaken)
+{
+    const std::string content = sim::makeConfigBundle(480);
+    ask("FWSTR=/data/misc/AllConfigs.bin,480," + sim::dspMd5Hex(content));
+    store.missChunkOnceAt(0);
+    EXPECT_EQ(ask(chunkCommand(0, content.substr(0, 240))), "");
+    EXPECT_EQ(store.chunksAccepted(), 0u);
+    EXPECT_EQ(ask(chunkCommand(0, content.substr(0, 240))), "FWDAT=0,240,OK");
+    EXPECT_EQ(ask(chunkCommand(240, content.substr(240))), "FWDAT=240,240,OK");
+    EXPECT_EQ(store.chunksAccepted(), 2u);
+}
+
 TEST_F(FileStoreModel, RebootForgetsTheTransferRunsHooksAndAnnounces)
 {
     int hooks = 0;

@@ -1,13 +1,18 @@
 // The timeline: a scripted console session written with --timeline parses
 // as Chrome trace-event JSON and holds the session's link traffic, the
-// module's log lines, the console's commands and the spans derived from
-// wire and log (reply waits, file chunks and the upgrade, PTZ requests,
-// amplifier switches, I2C transactions); and the derivation itself, fed
-// with traffic and log lines made up here (resends, missing replies).
+// module's log lines, the console's commands, the module's own spans
+// (nested, in order, one per command, request and chunk as counted on the
+// wire) and the spans derived from wire and log (reply waits, file chunks
+// and the upgrade, PTZ requests, amplifier switches, I2C transactions);
+// and the derivation itself, fed with traffic and log lines made up here
+// (resends, missing replies), as is the pairing of the module's trace
+// calls.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,6 +23,7 @@
 #include "process_env.h"
 #include "sim/board.h"
 #include "sim/timeline.h"
+#include "timeline_spans_board.h"
 
 namespace {
 
@@ -34,13 +40,29 @@ json readJson(const std::string &path)
     return json::parse(text.str(), nullptr, false);
 }
 
+// Every row's name, by (pid, tid), as the metadata gives it. Read once
+// per look-up of many events: a file holds thousands, and the sanitizer
+// builds pay for every access.
+using RowNames = std::map<std::pair<int, int>, std::string>;
+RowNames rowNames(const json &doc)
+{
+    RowNames names;
+    for (const auto &e : doc["traceEvents"])
+        if (e["ph"] == "M" && e["name"] == "thread_name")
+            names[{e["pid"].get<int>(), e["tid"].get<int>()}] = e["args"]["name"].get<std::string>();
+    return names;
+}
+
+std::string rowName(const RowNames &names, int pid, int tid)
+{
+    const auto it = names.find({pid, tid});
+    return it == names.end() ? "" : it->second;
+}
+
 // The name of the row (pid, tid) as its metadata gives it.
 std::string rowName(const json &doc, int pid, int tid)
 {
-    for (const auto &e : doc["traceEvents"])
-        if (e["ph"] == "M" && e["name"] == "thread_name" && e["pid"] == pid && e["tid"] == tid)
-            return e["args"]["name"].get<std::string>();
-    return "";
+    return rowName(rowNames(doc), pid, tid);
 }
 
 std::vector<json> eventsWhere(const json &doc, const std::function<bool(const json &)> &pred)
@@ -57,8 +79,9 @@ bool startsWith(const std::string &s, const std::string &prefix) { return s.rfin
 // Spans ("X") on the row with this name whose name starts with `prefix`.
 std::vector<json> spansOn(const json &doc, const std::string &row, const std::string &prefix)
 {
+    const RowNames names = rowNames(doc);
     return eventsWhere(doc, [&](const json &e) {
-        return e["ph"] == "X" && rowName(doc, e["pid"], e["tid"]) == row &&
+        return e["ph"] == "X" && rowName(names, e["pid"], e["tid"]) == row &&
                startsWith(e["name"].get<std::string>(), prefix);
     });
 }
@@ -79,7 +102,9 @@ size_t commandsOnWire(const json &doc, const std::string &prefix)
     return n;
 }
 
-TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
+// The console of this build plays tests/console/timeline.script with
+// --timeline; the file it wrote, parsed (discarded when the run failed).
+json recordScriptedSession()
 {
     avmtest::TempDir dir;
     const std::string out = dirOf(avmtest::selfPath());
@@ -91,10 +116,14 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
          "--timeline", file},
         {"PATH=" + std::string(path ? path : "/usr/bin:/bin"), "AVMANAGER_HAL_PATH=" + out,
          "TMPDIR=" + std::string(tmp ? tmp : "/tmp")});
-    ASSERT_EQ(child.exitCode, 0) << child.output << child.errors;
-    ASSERT_NE(child.output.find("written to " + file), std::string::npos) << child.output;
+    EXPECT_EQ(child.exitCode, 0) << child.output << child.errors;
+    EXPECT_NE(child.output.find("written to " + file), std::string::npos) << child.output;
+    return readJson(file);
+}
 
-    const json doc = readJson(file);
+TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
+{
+    const json doc = recordScriptedSession();
     ASSERT_FALSE(doc.is_discarded()) << "not JSON";
     ASSERT_TRUE(doc.contains("traceEvents"));
     ASSERT_TRUE(doc["traceEvents"].is_array());
@@ -110,8 +139,9 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     // what the DSP read at once, which on a busy machine may hold the next
     // command too. The setter, and the restore after the DSP's restart
     // sends it again.
+    const RowNames names = rowNames(doc);
     const auto volume = eventsWhere(doc, [&](const json &e) {
-        return e["ph"] == "X" && rowName(doc, e["pid"], e["tid"]) == "dsp  module -> device" &&
+        return e["ph"] == "X" && rowName(names, e["pid"], e["tid"]) == "dsp  module -> device" &&
                e.contains("args") && e["args"].contains("text") && e["args"]["text"].get<std::string>().find("MV=-11.10\\0") != std::string::npos;
     });
     ASSERT_EQ(volume.size(), 2u);
@@ -159,12 +189,156 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     bool sawUpgradeLine = false;
     for (const auto &l : logs) {
         EXPECT_EQ(l["pid"], 2);
-        EXPECT_TRUE(startsWith(rowName(doc, 2, l["tid"]), "thread ")) << l.dump();
+        EXPECT_TRUE(startsWith(rowName(names, 2, l["tid"]), "thread ")) << l.dump();
         sawUpgradeLine = sawUpgradeLine || l["args"]["text"].get<std::string>().rfind("dspHalWriteUsart", 0) == 0;
     }
     EXPECT_TRUE(sawUpgradeLine);
     EXPECT_EQ(spansOn(doc, "console commands", "set_volume 2 40").size(), 1u);
     EXPECT_EQ(spansOn(doc, "console commands", "get_cam_current_temperature").size(), 1u);
+}
+
+// I2C transactions on the wire from start to end (in microseconds).
+size_t i2cBetween(const json &doc, double start, double end)
+{
+    size_t n = 0;
+    for (const auto &e : spansOn(doc, "i2c-1  module -> device", "")) {
+        const double at = e["ts"].get<double>() + e["dur"].get<double>();
+        n += at >= start && at <= end + 1.0;
+    }
+    return n;
+}
+
+TEST(Timeline, ScriptedSessionHoldsTheModulesOwnSpansNestedAndCountedAsOnTheWire)
+{
+    const json doc = recordScriptedSession();
+    ASSERT_FALSE(doc.is_discarded()) << "not JSON";
+    using avmtest::childrenOf;
+    using avmtest::halSpans;
+    using avmtest::namesOf;
+    const auto all = halSpans(doc);
+    ASSERT_FALSE(all.empty());
+    const RowNames rows = rowNames(doc);
+    for (const auto &s : all)
+        EXPECT_EQ(rowName(rows, 2, s.tid).rfind("thread " + std::to_string(s.tid) + ":", 0), 0u)
+            << "a module span on a row of its thread: " << s.name;
+    EXPECT_EQ(doc["otherData"]["module span ends without their begin"], 0);
+    // The module's threads are shown first, above the links.
+    for (const auto &e : eventsWhere(doc, [](const json &e) { return e["ph"] == "M" && e["name"] == "process_sort_index"; }))
+        if (e["pid"] == 2)
+            EXPECT_EQ(e["args"]["sort_index"], 1);
+        else
+            EXPECT_GT(e["args"]["sort_index"].get<int>(), 1);
+
+    // Start-up: one span, its steps inside it in order.
+    const auto init = halSpans(doc, "init");
+    ASSERT_GE(init.size(), 1u);
+    EXPECT_EQ(init[0].name, "init");
+    EXPECT_EQ(namesOf(childrenOf(all, init[0])),
+              (std::vector<std::string>{"init camera pipe", "init dsp link", "init ptz link", "init detection thread"}));
+
+    // Posted commands: one async span each, from the post to its write on
+    // the transmit thread, and one write span there per command of that
+    // kind on the wire.
+    const auto commands = avmtest::halAsyncSpans(doc, "dsp command");
+    EXPECT_EQ(commands.size(), halSpans(doc, "dsp write").size());
+    for (const auto &c : commands)
+        EXPECT_GE(c.end, c.start) << "cookie " << c.cookie;
+    EXPECT_EQ(halSpans(doc, "dsp write kind=main_volume").size(), commandsOnWire(doc, "MV="));
+    EXPECT_EQ(halSpans(doc, "dsp write kind=main_mute").size(), commandsOnWire(doc, "MT="));
+    EXPECT_EQ(halSpans(doc, "dsp write kind=version").size(), commandsOnWire(doc, "VER_FULL=?"));
+    // The query: one wait, answered.
+    const auto waits = halSpans(doc, "dsp reply wait query=MT=?");
+    ASSERT_EQ(waits.size(), commandsOnWire(doc, "MT=?"));
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(namesOf(childrenOf(all, waits[0])), std::vector<std::string>{"dsp answered"});
+
+    // The file transfers, each inside an upgrade: FWSTR, the chunks in
+    // order of offset, FWEND. A transfer can end early (at start-up a
+    // chunk's answer may share a read with the DSP's announcement and be
+    // missed, and the resend is then refused); the ones that reach FWEND
+    // are the upgrades the wire view derives. One chunk span per chunk the
+    // line carried, resends included; every file command written is a send
+    // or chunk span.
+    size_t completed = 0;
+    for (const auto &u : halSpans(doc, "dsp file transfer size=2900")) {
+        EXPECT_EQ(u.within, "dsp config upgrade");
+        const auto requests = childrenOf(all, u);
+        ASSERT_FALSE(requests.empty());
+        EXPECT_EQ(requests.front().name, "dsp file request word=FWSTR");
+        const bool reachedEnd = requests.back().name == "dsp file request word=FWEND";
+        completed += reachedEnd;
+        std::vector<long long> offsets;
+        for (size_t i = 1; i < requests.size() - (reachedEnd ? 1 : 0); ++i) {
+            EXPECT_EQ(requests[i].name, "dsp file request word=FWDAT");
+            // Each chunk request holds its writes; a resend is the same chunk.
+            const auto writes = childrenOf(all, requests[i]);
+            ASSERT_FALSE(writes.empty());
+            for (size_t k = 0; k < writes.size(); ++k) {
+                EXPECT_EQ(writes[k].args["attempt"], k + 1) << writes[k].name;
+                EXPECT_EQ(writes[k].args["offset"], writes[0].args["offset"]) << writes[k].name;
+            }
+            if (reachedEnd) {
+                EXPECT_EQ(namesOf(childrenOf(all, writes.back())), std::vector<std::string>{"dsp answered"});
+            }
+            offsets.push_back(writes[0].args["offset"].get<long long>());
+        }
+        for (size_t i = 0; i < offsets.size(); ++i)
+            EXPECT_EQ(offsets[i], static_cast<long long>(240 * i));
+        if (reachedEnd) {
+            EXPECT_EQ(offsets.size(), 13u);
+        }
+    }
+    EXPECT_EQ(completed, spansOn(doc, "dsp file transfer", "configuration upgrade").size())
+        << "the module's view and the wire's agree";
+    EXPECT_GE(completed, 1u);
+    EXPECT_EQ(halSpans(doc, "dsp chunk").size(), commandsOnWire(doc, "FWDAT="));
+    EXPECT_EQ(halSpans(doc, "dsp chunk offset=2880 length=20").size(), commandsOnWire(doc, "FWDAT=2880,20,"));
+    EXPECT_EQ(halSpans(doc, "dsp file send word=FINF").size(), commandsOnWire(doc, "FINF="));
+    EXPECT_EQ(halSpans(doc, "dsp file send word=FWSTR").size(), commandsOnWire(doc, "FWSTR="));
+    EXPECT_EQ(halSpans(doc, "dsp file send word=FWEND").size(), commandsOnWire(doc, "FWEND="));
+
+    // The PTZ request: one frame span per frame of its kind on the wire,
+    // each with its outcome.
+    const auto ptz = halSpans(doc, "ptz request cmd=18");
+    ASSERT_EQ(ptz.size(), 1u);
+    const auto frames = childrenOf(all, ptz[0]);
+    EXPECT_EQ(frames.size(), spansOn(doc, "ptz  module -> device", "frame 0x20/0xba").size());
+    for (const auto &frame : frames) {
+        const auto outcome = namesOf(childrenOf(all, frame));
+        EXPECT_TRUE(outcome == std::vector<std::string>{"ptz answered"} ||
+                    outcome == std::vector<std::string>{"ptz timed out"})
+            << frame.name;
+    }
+
+    // The amplifier switches that ran (a restore pass that finds the
+    // format in place marks it and programs nothing): each sets the
+    // counter, on its thread at its end, to the transactions the bus saw
+    // while it ran. Switches take turns: one that waited for another has
+    // its own transactions after that one's end.
+    std::vector<avmtest::HalSpan> switches;
+    for (const auto &s : halSpans(doc, "amp format switch"))
+        if (namesOf(childrenOf(all, s)) != std::vector<std::string>{"amp same format"})
+            switches.push_back(s);
+    const auto counts = avmtest::counterSamples(doc, "amp i2c transactions");
+    ASSERT_EQ(counts.size(), switches.size());
+    for (const auto &sw : switches) {
+        double from = sw.start;
+        for (const auto &other : switches)
+            if (other.end > from && other.end < sw.end)
+                from = other.end;
+        const auto count = std::find_if(counts.begin(), counts.end(), [&](const avmtest::HalCounterSample &c) {
+            return c.tid == sw.tid && c.at >= sw.start && c.at <= sw.end;
+        });
+        ASSERT_NE(count, counts.end()) << sw.name;
+        EXPECT_EQ(static_cast<size_t>(count->value), i2cBetween(doc, from, sw.end)) << sw.name;
+    }
+    // The session's own two: to the wall placement, then back to the floor.
+    const auto names = namesOf(switches);
+    const auto wall = std::find(names.begin(), names.end(), "amp format switch format=wall");
+    ASSERT_NE(wall, names.end());
+    EXPECT_EQ(std::count(names.begin(), names.end(), "amp format switch format=wall"), 1);
+    ASSERT_NE(wall + 1, names.end());
+    EXPECT_EQ(*(wall + 1), "amp format switch format=floor");
 }
 
 // Traffic and log lines made up here, at chosen times.

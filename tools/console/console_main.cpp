@@ -174,7 +174,11 @@ void timelineOn(sim::Board &board, const std::string &path)
     }
 }
 
-void timelineOff()
+// Stops recording and writes the record to `path` (the file recording
+// started with, when empty). A file that cannot be written (a full disk)
+// loses nothing: the recording goes on, and another "timeline off" tries
+// again, to the same or another file.
+void timelineOff(sim::Board &board, const std::string &path = "")
 {
     sim::Timeline *timeline = gTimeline.exchange(nullptr);
     if (timeline == nullptr) {
@@ -182,13 +186,19 @@ void timelineOff()
         return;
     }
     timeline->detach();
+    const std::string target = path.empty() ? gTimelinePath : path;
     std::string error;
-    if (timeline->write(gTimelinePath, &error))
-        consolePrint("timeline: " + std::to_string(timeline->eventCount()) + " link events and " +
-                     std::to_string(timeline->logCount()) + " log lines written to " + gTimelinePath +
+    if (timeline->write(target, &error)) {
+        consolePrint("timeline: " + std::to_string(timeline->eventCount()) + " link events, " +
+                     std::to_string(timeline->logCount()) + " log lines and " +
+                     std::to_string(timeline->halCount()) + " module trace calls written to " + target +
                      " (open it in Perfetto UI, chrome://tracing or tools/console/timeline_viewer.html)");
-    else
-        consolePrint("timeline: " + error);
+        return;
+    }
+    timeline->attach(board.trace());
+    gTimelinePath = target;
+    gTimeline.store(timeline, std::memory_order_release);
+    consolePrint("timeline: " + error + "; still recording, nothing lost: timeline off [<file>] writes it");
 }
 
 void help(const ModelSet &models)
@@ -200,7 +210,7 @@ void help(const ModelSet &models)
     for (const auto &line : models.helpLines())
         consolePrint("  " + line);
     consolePrint("console:");
-    consolePrint("  help | trace on|full|off | logs on|off | timeline on <file> | timeline off | props");
+    consolePrint("  help | trace on|full|off | logs on|off | timeline on <file> | timeline off [<file>] | props");
     consolePrint("  getprop <key> | setprop <key> <value> | sleep <ms> | quit");
     consolePrint("  avmctl <arguments>   (with --no-module: avmctl calls the module on this board)");
     consolePrint("  (on a terminal: tab completes, up and down walk the history, ^C drops the line)");
@@ -226,8 +236,8 @@ Outcome run(sim::Board &board, const avmanager_module_t *hal, const ModelSet &mo
         gLogsOn.store(rest[0] == "on", std::memory_order_relaxed);
     } else if (cmd == "timeline" && rest.size() == 2 && rest[0] == "on") {
         timelineOn(board, rest[1]);
-    } else if (cmd == "timeline" && rest.size() == 1 && rest[0] == "off") {
-        timelineOff();
+    } else if (cmd == "timeline" && (rest.size() == 1 || rest.size() == 2) && rest[0] == "off") {
+        timelineOff(board, rest.size() == 2 ? rest[1] : "");
     } else if (cmd == "props") {
         listProperties();
     } else if (cmd == "getprop" && rest.size() == 1) {
@@ -419,7 +429,7 @@ int main(int argc, char **argv)
             settle();
         }
         if (gTimeline.load() != nullptr)
-            timelineOff();
+            timelineOff(board);
         // The camera link outlives release by design; its lines stop here.
         gLogsOn.store(false, std::memory_order_relaxed);
         board.trace().setListener(nullptr);
