@@ -37,8 +37,9 @@ run: build
 # build check runs once the default build is done. Each suite's output is
 # printed when it ends.
 #
-# Every stage runs to its end even when another fails (-k), and the run
-# ends with one line per stage and the failing tests of the failed ones
+# A failed suite does not stop the suites after it (a failed build stops
+# those that need it, and -k lets the others go on), and the run ends with
+# one line per stage and the failing tests of the failed ones
 # (scripts/test-stage; the stages' whole output is in build/stages/).
 STAGES_DIR = build/stages
 test: deps
@@ -52,8 +53,10 @@ suites: test-default test-kernel test-tsan test-asan test-arm fuzz-smoke device-
 # there `deps` has run once before.
 after = $(if $(PIPELINE),$(1))
 DEPS = $(if $(PIPELINE),,deps)
-# Within `make test`, each command of a stage goes through scripts/test-stage.
+# Within `make test`, each command of a stage goes through scripts/test-stage;
+# a suite's result is left to the summary, so the suites after it run.
 STAGE = $(if $(PIPELINE),scripts/test-stage $(STAGES_DIR) $@)
+SUITE = $(if $(PIPELINE),scripts/test-stage --suite $(STAGES_DIR) $@)
 
 built-default: $(DEPS)
 	$(STAGE) cmake --preset default
@@ -76,14 +79,14 @@ built-fuzz: $(DEPS) $(call after,built-arm)
 	$(STAGE) cmake --build --preset fuzz
 
 test-default: built-default
-	$(STAGE) ctest --preset default -j$(TEST_JOBS)
+	$(SUITE) ctest --preset default -j$(TEST_JOBS)
 
 # ThreadSanitizer: findings are fixed, or suppressed narrowly in
 # tests/tsan.supp with the third-party frame and the reason. The fuzz
 # replays are left out: they feed parsers on one thread, which ASan and
 # UBSan cover.
 test-tsan: built-tsan $(call after,test-default)
-	$(STAGE) ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
+	$(SUITE) ctest --preset tsan -j$(TSAN_JOBS) -E '^fuzz\.'
 
 # The module against the real Linux kernel: the kernel tests (ctest label
 # "kernel") of build/default run inside the VM of scripts/kernel-vm, one
@@ -91,10 +94,10 @@ test-tsan: built-tsan $(call after,test-default)
 # stage with its reason.
 KERNEL_VM_TIMEOUT ?= 1500
 test-kernel: built-default $(call after,test-default)
-	$(STAGE) scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
+	$(SUITE) scripts/kernel-vm --timeout $(KERNEL_VM_TIMEOUT) --writable build/default -- ctest --preset kernel
 
 test-asan: built-asan $(call after,test-tsan)
-	$(STAGE) ctest --preset asan -j$(TEST_JOBS)
+	$(SUITE) ctest --preset asan -j$(TEST_JOBS)
 
 # The device's ABI: the module, the platform pieces, the virtual board and
 # the tests cross-built for 32-bit ARM (armhf) and run under qemu-user, the
@@ -105,7 +108,7 @@ test-asan: built-asan $(call after,test-tsan)
 # console test too. Board tests mostly wait on the models, so as many at
 # once as in the other suites.
 test-arm: built-arm $(call after,test-tsan)
-	$(STAGE) ctest --preset arm -j$(TEST_JOBS) -R "$$(scripts/arm-board-part regex build/arm)"
+	$(SUITE) ctest --preset arm -j$(TEST_JOBS) -R "$$(scripts/arm-board-part regex build/arm)"
 
 test-arm-full: built-arm
 	ctest --preset arm -j$(TEST_JOBS)
@@ -116,7 +119,7 @@ test-arm-full: built-arm
 # the host build compiles into the module (scripts/check-android-bp).
 device-check: $(DEPS) $(call after,built-default)
 	$(if $(PIPELINE),,cmake --preset default > /dev/null)
-	$(STAGE) scripts/check-android-bp --host-build build/default --device-build build/device
+	$(SUITE) scripts/check-android-bp --host-build build/default --device-build build/device
 
 # Fuzzing with libFuzzer (clang; preset "fuzz", build/fuzz): every harness
 # of tests/fuzz for FUZZ_SECONDS each, one after the other, from the
@@ -130,7 +133,7 @@ fuzz: fuzz-build
 
 # The short run of `make test`: each harness 20 s from its starters alone.
 fuzz-smoke: built-fuzz $(call after,test-arm)
-	$(STAGE) scripts/run-fuzz build/fuzz 20 --fresh
+	$(SUITE) scripts/run-fuzz build/fuzz 20 --fresh
 
 # What the fuzz corpora reach (clang; preset "coverage", build/coverage):
 # the harnesses' replay programs, built with clang's source-based coverage

@@ -35,7 +35,10 @@ namespace {
 constexpr auto kPollEvery = std::chrono::milliseconds(20);
 // Covers a thread taking a request and writing it, descheduled on a busy
 // machine, and the pause between a reply and the next step of an upgrade.
-constexpr auto kQuietGap = std::chrono::milliseconds(500);
+// With half a second, a setter's command once never reached the DSP
+// while two test suites shared the two cores: the pipe was empty, so the
+// transmit thread had taken it, but nothing was written before avmctl left.
+constexpr auto kQuietGap = std::chrono::seconds(1);
 // A link that never settles (a DSP that keeps talking) must not hold
 // avmctl for ever; a configuration upgrade takes a few seconds.
 constexpr auto kSettleCap = std::chrono::seconds(30);
