@@ -423,7 +423,13 @@ TEST_F(FaultCamera, SilentCameraGivesEveryRequestItsDefaultWithinItsBound)
     EXPECT_EQ(camera.countFrames(kTempMain, kTempSub), 3u); // three sends, no more
     EXPECT_EQ(boundedFallback([&] { return hmi->get_camera_autotest_result(); }, kCameraFallbackMs), -1);
     EXPECT_EQ(boundedFallback([&] { return hmi->set_cam_auto_black_screen(hmi, 1); }, kCameraFallbackMs), 0);
-    // Each of the three requests was sent three times and given up.
+    // Each of the three requests was sent three times and given up. The
+    // module gives up half a second after its last send; the model may
+    // read that frame later on a loaded machine, so it is waited for (up
+    // to 5 s), and a tenth frame would still fail.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (camera.frameCount() < 9u && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(camera.frameCount(), 9u);
     EXPECT_EQ(log.count("PTZ", "ptzHalWriteUsart no ack,count:3\n"), 3u);
 
