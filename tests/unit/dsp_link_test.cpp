@@ -21,6 +21,7 @@
 
 #include "dsp/dsp_link.h"
 #include "dsp_commands.h"
+#include "dsp_pipe_port.h"
 #include "log_capture.h"
 #include "module_state.h"
 #include "test_helpers.h"
@@ -137,39 +138,18 @@ protected:
         }
         gGateCv.notify_all();
         EXPECT_TRUE(waitUntil([] { return !initParameterLock.test(); }, 5000ms));
-        gDspHalDev.fd.store(-1);
         gDspHalDev.running.store(0);
-        if (port[0] >= 0)
-            close(port[0]);
-        if (port[1] >= 0)
-            close(port[1]);
     }
 
     std::string fifoPath() const { return root.path() + "/tmp/.DSP_fifo"; }
 
-    // An ordinary pipe stands in for the port: the link writes its end,
-    // the test reads the other.
-    void usePipeAsPort()
-    {
-        ASSERT_EQ(pipe(port), 0);
-        fcntl(port[0], F_SETFL, O_NONBLOCK);
-        gDspHalDev.fd.store(port[1]);
-    }
-
-    // Everything written to the port so far.
-    std::string portBytes()
-    {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(port[0], buf, sizeof(buf))) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    // An ordinary pipe stands in for the port.
+    void usePipeAsPort() { ASSERT_TRUE(port.attach()); }
+    std::string portBytes() { return port.bytes(); }
 
     avmtest::LogCapture log;
     avmtest::FreshRoot root;
-    int port[2] = {-1, -1};
+    avmtest::DspPipePort port;
 };
 
 // ---- request pipe ---------------------------------------------------------

@@ -27,6 +27,7 @@
 #include "dsp/dsp_link.h"
 #include "dsp/dsp_reply_wait.h"
 #include "fig/dsp_fig.h"
+#include "dsp_pipe_port.h"
 #include "log_capture.h"
 #include "module_state.h"
 
@@ -126,33 +127,12 @@ bool cleanName(const std::string &name)
 
 class Tracing : public avmtest::FreshModule {
 protected:
-    void TearDown() override
-    {
-        gDspHalDev.fd.store(-1);
-        for (int fd : port)
-            if (fd >= 0)
-                close(fd);
-    }
-    // An ordinary pipe stands in for the DSP's port.
-    void usePipeAsPort()
-    {
-        ASSERT_EQ(pipe(port), 0);
-        fcntl(port[0], F_SETFL, O_NONBLOCK);
-        gDspHalDev.fd.store(port[1]);
-    }
-    std::string portBytes()
-    {
-        std::string out;
-        char buf[1024];
-        ssize_t n;
-        while ((n = read(port[0], buf, sizeof buf)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    void usePipeAsPort() { ASSERT_TRUE(port.attach()); }
+    std::string portBytes() { return port.bytes(); }
 
     avmtest::FreshRoot root;
     avmtest::LogCapture log;
-    int port[2] = {-1, -1};
+    avmtest::DspPipePort port;
 };
 
 TEST_F(Tracing, WithoutASinkTheHalTagIsOffAndNoCallReachesASink)
