@@ -89,7 +89,8 @@ public:
     void setRefuseAll(bool on);
     void setWrongKind(bool on);  // a file request is answered with a data report
     void setSilent(bool on);     // nothing is answered
-    void setReadError(bool on);  // the host's reads fail with EIO
+    // The host's reads fail with EIO (a transport may end the ones under way).
+    virtual void setReadError(bool on);
     void setWriteError(bool on); // the host's writes fail with EIO
 
 protected:

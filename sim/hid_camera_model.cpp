@@ -18,11 +18,14 @@ namespace sim {
 HidCameraModel::HidCameraModel(Board &board, std::string node, uint16_t vid, uint16_t pid)
     : HidCameraLogic(vid, pid), board_(board), node_(std::move(node))
 {
+    setQueuedListener([this] { answerWaitingReads(); });
     ioctl_ = std::make_unique<IoctlNode>(board, node_, [this](IoctlCall &call, int *err) { return handle(call, err); });
 }
 
 HidCameraModel::~HidCameraModel()
 {
+    setQueuedListener(nullptr);
+    failWaitingReads(EIO);
     ioctl_.reset();
 }
 
@@ -75,20 +78,81 @@ int HidCameraModel::handle(IoctlCall &call, int *err)
         trace(true, data + skip, size - skip, note);
         return static_cast<int>(size);
     }
-    // A read: one report, or an empty read after a little while.
+    // A read: one report, or a wait until the camera has one.
     if (gone || readError()) {
         *err = gone ? ENODEV : EIO;
         return -1;
     }
     Report report;
-    if (!takeReport(report)) {
-        call.defer(kIdleRead, 0);
-        return IoctlNode::kDeferred;
+    {
+        // Under the lock the listener takes, so a report queued meanwhile
+        // either is taken here or finds this read waiting.
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!takeReport(report)) {
+            waitingReads_.push_back(call.defer());
+            return IoctlNode::kDeferred;
+        }
+        ++readsAnswered_;
     }
     const size_t n = std::min(report.size(), call.bufferSize());
     std::memcpy(call.buffer(), report.data(), n);
     trace(false, report.data(), n, describeSent(report.data(), n));
     return static_cast<int>(n);
+}
+
+void HidCameraModel::answerWaitingReads()
+{
+    Report report;
+    std::vector<std::shared_ptr<PendingCall>> readers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (waitingReads_.empty() || !takeReport(report))
+            return;
+        readers.swap(waitingReads_);
+    }
+    size_t answered = 0;
+    size_t traced = 0;
+    for (const auto &read : readers) {
+        size_t n = 0;
+        const bool taken = read->completeWith([&](int *) {
+            n = std::min(report.size(), read->bufferSize());
+            std::memcpy(read->buffer(), report.data(), n);
+            return static_cast<int>(n);
+        });
+        if (!taken)
+            continue;
+        ++answered;
+        traced = n;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        readsAnswered_ += answered;
+    }
+    if (answered > 0)
+        trace(false, report.data(), traced, describeSent(report.data(), traced));
+}
+
+void HidCameraModel::failWaitingReads(int err)
+{
+    std::vector<std::shared_ptr<PendingCall>> readers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        readers.swap(waitingReads_);
+    }
+    for (const auto &read : readers)
+        read->complete(-1, err);
+}
+
+size_t HidCameraModel::readsAnswered() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return readsAnswered_;
+}
+
+size_t HidCameraModel::readsWaiting() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return waitingReads_.size();
 }
 
 size_t HidCameraModel::rawInfoRequests() const
@@ -97,12 +161,21 @@ size_t HidCameraModel::rawInfoRequests() const
     return rawInfo_;
 }
 
+void HidCameraModel::setReadError(bool on)
+{
+    HidCameraLogic::setReadError(on);
+    if (on)
+        failWaitingReads(EIO);
+}
+
 void HidCameraModel::unplug()
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         unplugged_ = true;
     }
+    // Reads waiting for a report end with the device.
+    failWaitingReads(ENODEV);
     clearQueue();
     board_.removeNode(node_);
 }

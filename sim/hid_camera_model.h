@@ -11,9 +11,13 @@
  * still returns the whole count.
  *
  * Each read of the node returns one report; with nothing to report a read
- * waits a little and comes back empty, which lets the module's writes on
- * the same descriptor through (umockdev serves one call per descriptor at
- * a time). Unplugging takes the node away; reads and writes then fail.
+ * waits, as the kernel's does, until the camera has one, however long that
+ * takes, and every read waiting then gets a copy (the kernel hands each
+ * report to each open file). The board's preload shim reads through a
+ * second descriptor of the node, so the module's writes on its own
+ * descriptor go out meanwhile, and a read under way outlives a close of
+ * the node by another thread. Unplugging takes the node away; waiting
+ * reads end and later reads and writes fail.
  *
  * Threads: calls arrive on umockdev's worker thread; tests and the console
  * use the setters and getters from their own.
@@ -25,6 +29,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "board.h"
 #include "hid_camera_logic.h"
@@ -33,9 +38,6 @@ namespace sim {
 
 class HidCameraModel : public HidCameraLogic {
 public:
-    // An empty read comes back after this long.
-    static constexpr std::chrono::milliseconds kIdleRead{20};
-
     // The model of the dual x3m camera on /dev/hidraw0 unless told
     // otherwise.
     explicit HidCameraModel(Board &board, std::string node = "/dev/hidraw0", uint16_t vid = 0x2E7D,
@@ -44,6 +46,12 @@ public:
 
     const std::string &node() const { return node_; }
     size_t rawInfoRequests() const;
+    // Reads answered with a report, and reads waiting for one now.
+    size_t readsAnswered() const;
+    size_t readsWaiting() const;
+
+    // Reads waiting for a report end with EIO as well.
+    void setReadError(bool on) override;
 
     void unplug(); // the node goes away
     void plug();   // and comes back
@@ -51,13 +59,19 @@ public:
 
 private:
     int handle(IoctlCall &call, int *err);
+    // Hands a queued report to the reads waiting for one.
+    void answerWaitingReads();
+    // Ends every waiting read with -1 and `err`.
+    void failWaitingReads(int err);
     void trace(bool toDevice, const uint8_t *data, size_t size, const std::string &note);
 
     Board &board_;
     std::string node_;
-    mutable std::mutex mutex_; // guards the two fields below
+    mutable std::mutex mutex_; // guards the fields below; taken before the logic's
     size_t rawInfo_ = 0;
+    size_t readsAnswered_ = 0;
     bool unplugged_ = false;
+    std::vector<std::shared_ptr<PendingCall>> waitingReads_;
     std::unique_ptr<IoctlNode> ioctl_; // last: its handler may run at once
 };
 

@@ -23,12 +23,15 @@
  * 3. umockdev serves one call per descriptor at a time: while a call on a
  *    descriptor waits for its answer, the next call on the same
  *    descriptor waits too. The kernel holds a bulk IN transfer until data
- *    comes or its time-out passes while other threads' transfers on the
- *    same descriptor go on, and the module relies on that (the HDMI-out
- *    reader waits on IN while data goes OUT). So a bulk IN on a usbfs
- *    descriptor goes through a second descriptor of the same node, opened
- *    on first need and closed with the program's own (or, when a transfer
- *    is still under way on it, as soon as that transfer ends).
+ *    comes or its time-out passes, and a hidraw read until a report comes,
+ *    while other threads' calls on the same descriptor go on; the module
+ *    relies on that (the HDMI-out reader waits on IN while data goes OUT,
+ *    the camera's receive thread waits in read() while requests are
+ *    written). So a bulk IN on a usbfs descriptor and a read() of a hidraw
+ *    descriptor go through a second descriptor of the same node, opened
+ *    on first need and closed with the program's own (or, when a call is
+ *    still under way on it, as soon as that call ends: as on the kernel,
+ *    a read under way outlives a close of the node by another thread).
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -104,34 +107,52 @@ static void release_failed_open(const char *path, int ret)
     errno = saved;
 }
 
-/* ---- second descriptors for bulk IN transfers (job 3) */
+/* ---- second descriptors for waiting calls (job 3) */
 
 #define USBFS_PREFIX "/dev/bus/usb/"
+#define HIDRAW_PREFIX "/dev/hidraw"
 #define MAX_CHANNELS 1024
 
 typedef int (*open_fn)(const char *, int, ...);
 typedef int (*close_fn)(int);
 typedef int (*ioctl_fn)(int, unsigned long, ...);
+typedef ssize_t (*read_fn)(int, void *, size_t);
+
+enum node_kind { NODE_USBFS, NODE_HIDRAW };
 
 struct in_channel {
-    char path[PATH_MAX]; /* the usbfs node the program opened */
-    int second;          /* descriptor for its bulk IN transfers, -1 until needed */
-    int busy;            /* transfers under way on `second` */
-    int orphaned;        /* the program closed its descriptor */
+    char path[PATH_MAX];  /* the usbfs or hidraw node the program opened */
+    enum node_kind kind;
+    int second;           /* descriptor for its waiting calls, -1 until needed */
+    int busy;             /* calls under way on `second` */
+    int orphaned;         /* the program closed its descriptor */
 };
 
 static struct in_channel *channels[MAX_CHANNELS]; /* by the program's descriptor */
 static pthread_mutex_t channels_lock = PTHREAD_MUTEX_INITIALIZER;
-static void *next_open_fn, *next_close_fn, *next_ioctl_fn;
+static void *next_open_fn, *next_close_fn, *next_ioctl_fn, *next_read_fn;
 
-static void track_usbfs(const char *path, int fd)
+static int has_prefix(const char *path, const char *prefix)
 {
-    if (fd < 0 || fd >= MAX_CHANNELS || path == NULL || strncmp(path, USBFS_PREFIX, strlen(USBFS_PREFIX)) != 0)
+    return strncmp(path, prefix, strlen(prefix)) == 0;
+}
+
+static void track_node(const char *path, int fd)
+{
+    if (fd < 0 || fd >= MAX_CHANNELS || path == NULL)
+        return;
+    enum node_kind kind;
+    if (has_prefix(path, USBFS_PREFIX))
+        kind = NODE_USBFS;
+    else if (has_prefix(path, HIDRAW_PREFIX))
+        kind = NODE_HIDRAW;
+    else
         return;
     struct in_channel *ch = calloc(1, sizeof *ch);
     if (ch == NULL)
         return;
     snprintf(ch->path, sizeof ch->path, "%s", path);
+    ch->kind = kind;
     ch->second = -1;
     pthread_mutex_lock(&channels_lock);
     struct in_channel *old = channels[fd];
@@ -171,14 +192,16 @@ int close(int fd)
     return fn(fd);
 }
 
-/* The second descriptor of a usbfs descriptor, marked busy; NULL when
- * the descriptor is not one (or no second one can be had). */
-static struct in_channel *take_second(int fd)
+/* The second descriptor of a tracked descriptor of that kind, marked
+ * busy; NULL when the descriptor is not one (or no second one can be had). */
+static struct in_channel *take_second(int fd, enum node_kind kind)
 {
     if (fd < 0 || fd >= MAX_CHANNELS)
         return NULL;
     pthread_mutex_lock(&channels_lock);
     struct in_channel *ch = channels[fd];
+    if (ch != NULL && ch->kind != kind)
+        ch = NULL;
     if (ch != NULL && ch->second < 0) {
         /* Opened outside the lock: umockdev's open may take locks of its own. */
         char path[PATH_MAX];
@@ -204,6 +227,18 @@ static struct in_channel *take_second(int fd)
     return ch;
 }
 
+/* Whether `fd` is one of the second descriptors above: the program did
+ * not open it (tests that count a program's descriptors leave it out). */
+int avm_board_preload_owns(int fd)
+{
+    int owned = 0;
+    pthread_mutex_lock(&channels_lock);
+    for (size_t i = 0; i < MAX_CHANNELS && !owned; ++i)
+        owned = channels[i] != NULL && channels[i]->second == fd;
+    pthread_mutex_unlock(&channels_lock);
+    return fd >= 0 && owned;
+}
+
 static void give_back(struct in_channel *ch)
 {
     pthread_mutex_lock(&channels_lock);
@@ -225,7 +260,7 @@ int ioctl(int fd, unsigned long request, ...)
     }
     if (request == (unsigned long)USBDEVFS_BULK && arg != NULL &&
         (((const struct usbdevfs_bulktransfer *)arg)->ep & 0x80) != 0) {
-        struct in_channel *ch = take_second(fd);
+        struct in_channel *ch = take_second(fd, NODE_USBFS);
         if (ch != NULL) {
             const int ret = fn(ch->second, request, arg);
             const int saved = errno;
@@ -235,6 +270,23 @@ int ioctl(int fd, unsigned long request, ...)
         }
     }
     return fn(fd, request, arg);
+}
+
+ssize_t read(int fd, void *buf, size_t count)
+{
+    const read_fn fn = (read_fn)next_symbol(&next_read_fn, "read");
+    if (fn == NULL) {
+        errno = ENOSYS;
+        return -1;
+    }
+    struct in_channel *ch = take_second(fd, NODE_HIDRAW);
+    if (ch == NULL)
+        return fn(fd, buf, count);
+    const ssize_t ret = fn(ch->second, buf, count);
+    const int saved = errno;
+    give_back(ch);
+    errno = saved;
+    return ret;
 }
 
 static mode_t mode_arg(int flags, va_list ap)
@@ -272,7 +324,7 @@ typedef FILE *(*fopen_fn)(const char *, const char *);
         NEXT(open_fn, name)                      \
         const int ret = fn(path, flags, mode);                           \
         release_failed_open(path, ret);                                  \
-        track_usbfs(path, ret);                                          \
+        track_node(path, ret);                                          \
         return ret;                                                      \
     }
 
@@ -286,7 +338,7 @@ typedef FILE *(*fopen_fn)(const char *, const char *);
         NEXT(open2_fn, name)                           \
         const int ret = fn(path, flags);                                 \
         release_failed_open(path, ret);                                  \
-        track_usbfs(path, ret);                                          \
+        track_node(path, ret);                                          \
         return ret;                                                      \
     }
 

@@ -14,14 +14,17 @@
 #include <fcntl.h>
 #include <memory>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <android/log.h>
+#include <dlfcn.h>
 #include <cutils/properties.h>
 
 #include "camera/cam_detect.h"
 #include "camera/cam_hid.h"
+#include "hid_channel.h"
 #include "log_capture.h"
 #include "module_on_board.h"
 #include "sim/board.h"
@@ -43,9 +46,14 @@ std::string channelPath()
     return path;
 }
 
-// Descriptors this process has open on what a node of the board links to.
+// Descriptors this process has open on what a node of the board links to,
+// leaving out the ones the board's preload shim opened for itself (reads
+// go through a second descriptor of the node there).
 int descriptorsOn(sim::Board &board, const std::string &node)
 {
+    const auto shimOwns = reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "avm_board_preload_owns"));
+    if (shimOwns == nullptr)
+        return -1;
     char target[PATH_MAX] = {};
     if (readlink(board.devPath(node).c_str(), target, sizeof target - 1) <= 0)
         return -1;
@@ -56,7 +64,8 @@ int descriptorsOn(sim::Board &board, const std::string &node)
     while (dirent *entry = readdir(dir)) {
         char link[PATH_MAX] = {};
         const std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(path.c_str(), link, sizeof link - 1) > 0 && std::strcmp(link, target) == 0)
+        if (readlink(path.c_str(), link, sizeof link - 1) > 0 && std::strcmp(link, target) == 0 &&
+            !shimOwns(std::atoi(entry->d_name)))
             ++n;
     }
     closedir(dir);
@@ -68,8 +77,10 @@ protected:
     void TearDown() override
     {
         // The channel and its receive thread end before the cameras go.
-        hal_hidraw_deinit();
-        joinHidThreadPool();
+        std::vector<sim::HidCameraLogic *> cameras;
+        for (auto &model : models)
+            cameras.push_back(model.get());
+        avmtest::stopHidChannel(cameras);
         models.clear();
     }
 
@@ -150,23 +161,21 @@ TEST_F(CamHidBoard, AFailedStartLeavesTheCloseLockHeldUntilTheNextStartTakesItOv
     EXPECT_EQ(hal_hidraw_init(kVid, kPid), -1);
     // The lock is still held: tearing it down fails as for a locked mutex.
     EXPECT_EQ(joinHidThreadPool(), EBUSY);
-    add("/dev/hidraw4");
+    auto &camera = add("/dev/hidraw4");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     EXPECT_EQ(channelPath(), "/dev/hidraw4");
-    hal_hidraw_deinit();
-    EXPECT_EQ(joinHidThreadPool(), 0);
+    EXPECT_EQ(avmtest::stopHidChannel(camera), 0);
     EXPECT_FALSE(hal_hidraw_isConnect());
 }
 
 TEST_F(CamHidBoard, TheProbesDescriptorIsNeitherKeptNorClosed)
 {
-    add("/dev/hidraw0");
+    auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(descriptorsOn(board, "/dev/hidraw0"), 0);
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     // The probe's descriptor and the channel's.
     EXPECT_EQ(descriptorsOn(board, "/dev/hidraw0"), 2);
-    hal_hidraw_deinit();
-    ASSERT_EQ(joinHidThreadPool(), 0);
+    ASSERT_EQ(avmtest::stopHidChannel(camera), 0);
     // The channel's own descriptor is closed; the probe's stays open.
     EXPECT_EQ(descriptorsOn(board, "/dev/hidraw0"), 1);
 }
@@ -190,9 +199,11 @@ TEST_F(CamHidBoard, AReceiveReadsAtMost1024Bytes)
 {
     auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
-    // Without the receive thread, the channel opened again by hand.
-    hal_hidraw_deinit();
-    ASSERT_EQ(joinHidThreadPool(), 0);
+    // Without the receive thread, the channel opened again by hand. The
+    // thread is stopped while it waits in its read, so the report that
+    // wakes it is not left for the read below.
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+    ASSERT_EQ(avmtest::stopHidChannel(camera), 0);
     ASSERT_GE(hal_hidraw_open(), 0);
     std::vector<uint8_t> report(1500);
     for (size_t i = 0; i < report.size(); ++i)
@@ -219,8 +230,7 @@ TEST_F(CamHidBoard, AReceiveOnAClosedChannelOpensTheNodeAgainAndPausesASecond)
 {
     auto &camera = add("/dev/hidraw0");
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
-    hal_hidraw_deinit();
-    ASSERT_EQ(joinHidThreadPool(), 0);
+    ASSERT_EQ(avmtest::stopHidChannel(camera), 0);
     ASSERT_FALSE(hal_hidraw_isConnect());
     uint8_t buf[64];
     auto start = std::chrono::steady_clock::now();
@@ -250,6 +260,74 @@ TEST_F(CamHidBoard, TheReceiveThreadHandsTheVersionAnswerToTheCameraVersion)
                                kWait));
     EXPECT_FALSE(cam_detect_need_update_version());
     EXPECT_TRUE(log.waitFor("hidraw", "CamHidTransferFile: recved size 64 ", kWait));
+}
+
+// As on the kernel, a read with nothing to report waits until the camera
+// has one: the receive thread's read stays open, no empty read comes back
+// meanwhile, and the camera's next report ends it.
+TEST_F(CamHidBoard, AReadWaitsForTheCamerasNextReportAndEndsWithIt)
+{
+    auto &camera = add("/dev/hidraw0");
+    ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(camera.readsWaiting(), 1u);
+    EXPECT_EQ(camera.readsAnswered(), 0u);
+    EXPECT_EQ(log.countContaining("hidraw", "CamHidTransferFile: recved size"), 0u);
+
+    std::vector<uint8_t> answer(64, 0);
+    const uint8_t head[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07, 0x00, 0x00};
+    std::memcpy(answer.data(), head, sizeof head);
+    std::memcpy(answer.data() + sizeof head, "X3M-DUAL 3.0.0", 14);
+    camera.sendReport(answer);
+    EXPECT_TRUE(sim::waitUntil([] { return avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.0.0"; }, kWait));
+    EXPECT_EQ(camera.readsAnswered(), 1u);
+    EXPECT_EQ(log.countContaining("hidraw", "CamHidTransferFile: recved size 64 "), 1u);
+    // The thread reads on, and waits again.
+    EXPECT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+}
+
+// The module writes on the descriptor its receive thread reads: a read
+// that waits holds none of the writes back, and the answer they ask for
+// ends the read.
+TEST_F(CamHidBoard, WritesGoOutWhileAReadWaitsOnTheSameDescriptor)
+{
+    auto &camera = add("/dev/hidraw0");
+    camera.setVersion("X3M-DUAL 3.1.0 (made up)");
+    ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+    const uint8_t other[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(hal_hidraw_sendData(other, sizeof other), 8);
+    EXPECT_EQ(camera.reportsWritten().size(), 4u); // the probe and the three
+    EXPECT_EQ(camera.readsWaiting(), 1u);
+    EXPECT_EQ(camera.readsAnswered(), 0u);
+    uint8_t request[64] = {0xAA, 0xBB, 0xCC, 0x20, 0x06};
+    ASSERT_EQ(hal_hidraw_sendData(request, sizeof request), 64);
+    EXPECT_TRUE(sim::waitUntil([] { return avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.1.0 (made up)"; },
+                               kWait));
+    EXPECT_EQ(camera.readsAnswered(), 1u);
+}
+
+// A stop closes the node under the receive thread's read; as on the
+// kernel the read goes on waiting, and the thread ends only once a report
+// comes.
+TEST_F(CamHidBoard, AReadOutlivesTheStopThatClosedItsNodeUntilAReportComes)
+{
+    auto &camera = add("/dev/hidraw0");
+    ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+    hal_hidraw_deinit();
+    EXPECT_FALSE(hal_hidraw_isConnect());
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(camera.readsWaiting(), 1u);
+    EXPECT_EQ(camera.readsAnswered(), 0u);
+    EXPECT_EQ(avmtest::stopHidChannel(camera), 0);
+    EXPECT_EQ(camera.readsWaiting(), 0u);
+    EXPECT_EQ(camera.readsAnswered(), 1u);
+    // The stopped thread took the report and did not read again.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(camera.readsWaiting(), 0u);
 }
 
 TEST_F(CamHidBoard, AWriteErrorClosesTheChannelAndTheNextSendOpensItAgain)

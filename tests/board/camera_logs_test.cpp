@@ -19,6 +19,7 @@
 
 #include "avmanager_hal.h"
 #include "camera/cam_hid.h"
+#include "hid_channel.h"
 #include "camera/cam_logs.h"
 #include "camera/ptz_link.h"
 #include "cam_download.h"
@@ -64,11 +65,7 @@ sim::HidCameraModel::Report refusal()
 
 class CameraLogsBoard : public ::testing::Test, protected avmtest::CameraOnBoard {
 protected:
-    void TearDown() override
-    {
-        hal_hidraw_deinit();
-        joinHidThreadPool();
-    }
+    void TearDown() override { avmtest::stopHidChannel(camera); }
 
     std::string camLogs() const { return dir.path() + "/CamLogs"; }
 

@@ -21,6 +21,7 @@
 #include "avmanager_hal.h"
 #include "camera/cam_detect.h"
 #include "camera/cam_hid.h"
+#include "hid_channel.h"
 #include "camera/usb_tool.h"
 #include "log_capture.h"
 #include "module_on_board.h"
@@ -64,8 +65,10 @@ protected:
     void TearDown() override
     {
         // The channel and its receive thread end before the cameras go.
-        hal_hidraw_deinit();
-        joinHidThreadPool();
+        std::vector<sim::HidCameraLogic *> hids;
+        for (auto &camera : cameras)
+            hids.push_back(camera.get());
+        avmtest::stopHidChannel(hids);
         cameras.clear();
     }
 

@@ -46,6 +46,7 @@
 #include "camera_on_board.h"
 #include "camera/cam_detect.h"
 #include "camera/cam_hid.h"
+#include "hid_channel.h"
 #include "camera/cam_logs.h"
 #include "camera/ptz_link.h"
 #include "camera/ptz_requests.h"
@@ -669,11 +670,7 @@ TEST_F(FaultUsb, HdmiOutConverterRemovedMidStreamFailsOnlyItsTransfersAndANewIni
 // The camera on its sysfs entry and /dev/hidraw0 (see camera_on_board.h).
 class FaultHid : public ::testing::Test, protected avmtest::CameraOnBoard {
 protected:
-    void TearDown() override
-    {
-        hal_hidraw_deinit();
-        joinHidThreadPool();
-    }
+    void TearDown() override { avmtest::stopHidChannel(camera); }
 
     static std::string slurp(const std::string &path)
     {

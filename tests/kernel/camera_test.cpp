@@ -22,6 +22,7 @@
 #include "camera/cam_hid.h"
 #include "camera/cam_logs.h"
 #include "camera/usb_tool.h"
+#include "hid_channel.h"
 #include "log_capture.h"
 #include "sim/board.h"
 #include "sim/kernel/kernel_camera.h"
@@ -66,16 +67,8 @@ protected:
     void SetUp() override { ASSERT_EQ(camera.error(), "") << "the camera gadget did not come up"; }
     void TearDown() override { stopChannel(); }
 
-    // The channel and its receive thread end before the camera goes. A
-    // hidraw read waits for a report however long it takes, also after
-    // the node was closed under it: the camera sends one so that the
-    // receive thread sees it was stopped.
-    void stopChannel()
-    {
-        hal_hidraw_deinit();
-        camera.sendReport(sim::HidCameraLogic::Report(sim::HidCameraLogic::kReportSize, 0));
-        joinHidThreadPool();
-    }
+    // The channel and its receive thread end before the camera goes.
+    void stopChannel() { avmtest::stopHidChannel(camera); }
 
     avmtest::LogCapture log;
     KernelCamera camera;
