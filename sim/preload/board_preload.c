@@ -1,6 +1,6 @@
 /*
  * Preloaded ahead of umockdev's library on the virtual board (by
- * tests/board-wrapper). Two jobs:
+ * tests/board-wrapper). Three jobs:
  *
  * 1. Hide what the board does not model. umockdev redirects a /dev path
  *    into the testbed only when it exists there; anything else goes to the
