@@ -130,6 +130,10 @@ struct in_channel {
 
 static struct in_channel *channels[MAX_CHANNELS]; /* by the program's descriptor */
 static pthread_mutex_t channels_lock = PTHREAD_MUTEX_INITIALIZER;
+/* Second descriptors being opened: from open() until `second` is set, the
+ * new descriptor is in /proc/self/fd but not yet known to be ours. */
+static int seconds_opening;
+static pthread_cond_t seconds_opened = PTHREAD_COND_INITIALIZER;
 static void *next_open_fn, *next_close_fn, *next_ioctl_fn, *next_read_fn;
 
 static int has_prefix(const char *path, const char *prefix)
@@ -206,6 +210,7 @@ static struct in_channel *take_second(int fd, enum node_kind kind)
         /* Opened outside the lock: umockdev's open may take locks of its own. */
         char path[PATH_MAX];
         snprintf(path, sizeof path, "%s", ch->path);
+        ++seconds_opening;
         pthread_mutex_unlock(&channels_lock);
         const open_fn op = (open_fn)next_symbol(&next_open_fn, "open");
         const int second = op != NULL ? op(path, O_RDWR | O_CLOEXEC) : -1;
@@ -218,6 +223,8 @@ static struct in_channel *take_second(int fd, enum node_kind kind)
             if (cl != NULL)
                 cl(second);
         }
+        if (--seconds_opening == 0)
+            pthread_cond_broadcast(&seconds_opened);
     }
     if (ch != NULL && ch->second >= 0)
         ++ch->busy;
@@ -228,11 +235,15 @@ static struct in_channel *take_second(int fd, enum node_kind kind)
 }
 
 /* Whether `fd` is one of the second descriptors above: the program did
- * not open it (tests that count a program's descriptors leave it out). */
+ * not open it (tests that count a program's descriptors leave it out).
+ * Waits out opens under way, so a descriptor listed while its open was
+ * still being recorded counts as ours. */
 int avm_board_preload_owns(int fd)
 {
     int owned = 0;
     pthread_mutex_lock(&channels_lock);
+    while (seconds_opening > 0)
+        pthread_cond_wait(&seconds_opened, &channels_lock);
     for (size_t i = 0; i < MAX_CHANNELS && !owned; ++i)
         owned = channels[i] != NULL && channels[i]->second == fd;
     pthread_mutex_unlock(&channels_lock);
