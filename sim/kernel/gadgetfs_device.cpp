@@ -89,7 +89,11 @@ GadgetfsDevice::GadgetfsDevice(const std::vector<uint8_t> &device, const std::ve
     events_ = std::thread([this] { events(); });
     const uint16_t vid = static_cast<uint16_t>(device[8] | device[9] << 8);
     const uint16_t pid = static_cast<uint16_t>(device[10] | device[11] << 8);
-    if (!waitUntil([&] { return !(entry_ = entryWithIds(vid, pid)).empty(); }, kHostWait))
+    // The host's entry shows before its usbfs node is made: both are
+    // waited for. A layout the host cannot configure never gets a
+    // configuration, so that is not waited for.
+    if (!waitUntil([&] { return !(entry_ = entryWithIds(vid, pid)).empty() && access(hostNode().c_str(), F_OK) == 0; },
+                   kHostWait))
         error_ = "the host did not enumerate the device";
 }
 

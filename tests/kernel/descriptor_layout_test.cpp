@@ -13,7 +13,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -87,9 +89,13 @@ std::vector<uint8_t> readBack(const std::string &node)
 {
     std::vector<uint8_t> buf(4096, kUntouched);
     const int fd = open(node.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        ADD_FAILURE() << "open " << node << ": " << std::strerror(errno);
         return {};
+    }
     const ssize_t n = read(fd, buf.data(), buf.size());
+    if (n < 0)
+        ADD_FAILURE() << "read " << node << ": " << std::strerror(errno);
     close(fd);
     buf.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return buf;
