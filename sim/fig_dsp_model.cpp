@@ -59,10 +59,10 @@ struct FigDspModel::Impl {
     explicit Impl(Board &board) : line(board, kNode, kLink) {}
 
     // Takes one byte of the module's stream; a completed frame is returned
-    // through `done` (and recorded once answered). Called under mutex.
+    // through `done` (and recorded, with the bytes, once answered). Called
+    // under mutex.
     void take(uint8_t byte, std::vector<Frame> &done)
     {
-        received.push_back(byte);
         if (pending.empty()) {
             if (zeroMayFollow && byte == 0) {
                 // The frame is still in `done` when the zero came in its chunk.
@@ -187,12 +187,16 @@ FigDspModel::FigDspModel(Board &board) : impl_(std::make_unique<Impl>(board))
             for (size_t i = 0; i < size; ++i)
                 impl_->take(data[i], done);
         }
-        for (const Frame &frame : done) {
+        for (const Frame &frame : done)
             impl_->answer(frame);
-            // Recorded once answered: whoever sees a frame in the record
-            // also sees what it did to the model's state.
+        {
+            // The bytes and the frames they completed are recorded together,
+            // once answered: whoever sees a byte count or a frame in the
+            // record also sees every frame those bytes made and what each
+            // did to the model's state.
             std::lock_guard<std::mutex> lock(impl_->mutex);
-            impl_->frames.push_back(frame);
+            impl_->received.insert(impl_->received.end(), data, data + size);
+            impl_->frames.insert(impl_->frames.end(), done.begin(), done.end());
         }
         impl_->changed.notify_all();
     });
