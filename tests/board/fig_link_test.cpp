@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "dsp/dsp_link.h"
+#include "dsp_pipe_port.h"
 #include "fig_fixture.h"
 
 using namespace std::chrono_literals;
@@ -26,35 +27,6 @@ using avmtest::prop;
 namespace {
 
 class FigLink : public ::testing::Test, protected FigBoard {};
-
-// A port the module is handed and is to close: the write end of a pipe. The
-// module owns that end; the test keeps the read end, on which the end of the
-// stream shows the close (a descriptor number alone can be reused at once).
-class PipePort {
-public:
-    PipePort()
-    {
-        if (pipe2(ends_, O_CLOEXEC | O_NONBLOCK) != 0)
-            ends_[0] = ends_[1] = -1;
-    }
-    ~PipePort()
-    {
-        if (ends_[0] >= 0)
-            close(ends_[0]);
-    }
-    PipePort(const PipePort &) = delete;
-    PipePort &operator=(const PipePort &) = delete;
-
-    int portEnd() const { return ends_[1]; }
-    bool closedByModule() const
-    {
-        char byte;
-        return ends_[0] >= 0 && read(ends_[0], &byte, 1) == 0;
-    }
-
-private:
-    int ends_[2];
-};
 
 } // namespace
 
@@ -573,16 +545,15 @@ TEST_F(FigLink, StoppingClosesTheMainDspPortAndNotTheFigPort)
     // The write end of a pipe in the main DSP link's record stands for its
     // port: its read end sees the end of the stream once the module closed
     // it, whatever another thread opens under the same number meanwhile.
-    PipePort mainPort;
-    ASSERT_GE(mainPort.portEnd(), 0);
-    gDspHalDev.fd.store(mainPort.portEnd());
+    avmtest::DspPipePort mainPort;
+    ASSERT_TRUE(mainPort.attach());
     startFig();
     const int figPort = gDspFigDev.fd.load();
     ASSERT_GE(figPort, 0);
     EXPECT_EQ(dspFig_deinit(), 0);
     figUp = false;
     EXPECT_EQ(gDspHalDev.fd.load(), -1) << "the record no longer names the closed port";
-    EXPECT_TRUE(mainPort.closedByModule()) << "the main DSP link's port was closed";
+    EXPECT_TRUE(mainPort.closedByLink()) << "the main DSP link's port was closed";
     EXPECT_EQ(gDspFigDev.fd.load(), figPort);
     EXPECT_NE(fcntl(figPort, F_GETFD), -1) << "the Fig port stays open";
     // Commands still reach the Fig DSP; nothing reads its frames any more.
@@ -592,12 +563,11 @@ TEST_F(FigLink, StoppingClosesTheMainDspPortAndNotTheFigPort)
     std::this_thread::sleep_for(kQuiet);
     EXPECT_EQ(fig.countAcks(), 0u);
     // The separate port stop does the same.
-    PipePort again;
-    ASSERT_GE(again.portEnd(), 0);
-    gDspHalDev.fd.store(again.portEnd());
+    avmtest::DspPipePort again;
+    ASSERT_TRUE(again.attach());
     EXPECT_EQ(dspFigHal_uart_deinit(), 0);
     EXPECT_EQ(gDspHalDev.fd.load(), -1);
-    EXPECT_TRUE(again.closedByModule());
+    EXPECT_TRUE(again.closedByLink());
     EXPECT_NE(fcntl(figPort, F_GETFD), -1);
 }
 

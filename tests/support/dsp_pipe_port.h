@@ -2,7 +2,8 @@
  * An ordinary pipe standing in for the DSP's serial port in unit tests:
  * the link writes one end (installed as the port's descriptor), the test
  * reads what crossed from the other. The port is taken away again and
- * both ends closed when the object goes.
+ * both ends closed when the object goes (the link's end only while the
+ * link has not closed it).
  */
 #ifndef AVM_TEST_DSP_PIPE_PORT_H
 #define AVM_TEST_DSP_PIPE_PORT_H
@@ -49,6 +50,21 @@ public:
         while ((n = read(ends_[0], buf, sizeof buf)) > 0)
             out.append(buf, static_cast<size_t>(n));
         return out;
+    }
+
+    // True once the link closed its end of the pipe (what it sent before is
+    // read and dropped). That end is then the link's no more and not the
+    // object's either: its number may already name another descriptor.
+    bool closedByLink()
+    {
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(ends_[0], buf, sizeof buf)) > 0) {
+        }
+        if (n != 0)
+            return false;
+        ends_[1] = -1;
+        return true;
     }
 
 private:
