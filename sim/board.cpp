@@ -919,19 +919,18 @@ size_t PendingCall::bufferSize() const
 
 void PendingCall::complete(int result, int err)
 {
-    if (done_.exchange(true))
-        return;
-    umockdev_ioctl_client_complete(client_, result, result >= 0 ? 0 : (err ? err : EIO));
+    if (claim())
+        finish(result, err);
 }
 
-bool PendingCall::completeWith(const std::function<int(int *err)> &fill)
+bool PendingCall::claim()
 {
-    if (done_.exchange(true))
-        return false;
-    int err = 0;
-    const int result = fill(&err);
+    return !done_.exchange(true);
+}
+
+void PendingCall::finish(int result, int err)
+{
     umockdev_ioctl_client_complete(client_, result, result >= 0 ? 0 : (err ? err : EIO));
-    return true;
 }
 
 // ---------------------------------------------------------------- IoctlNode

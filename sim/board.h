@@ -201,11 +201,12 @@ public:
     uint8_t *buffer();
     size_t bufferSize() const;
     void complete(int result, int err = 0);
-    // Completes the call with what `fill` returns (a byte count, or -1
-    // with *err set), `fill` having written the answer into the call's
-    // memory first. False, with `fill` not run, when the call was
-    // completed already (it expired, say).
-    bool completeWith(const std::function<int(int *err)> &fill);
+    // Answering in two steps lets a model record what it answered before
+    // the caller can act on it: claim() takes the call (false when it was
+    // completed already: it expired, say), the model fills the buffer and
+    // records, then finish() hands the answer over.
+    bool claim();
+    void finish(int result, int err = 0);
     bool completed() const { return done_; }
 
 private:

@@ -73,8 +73,8 @@ void HdmiOutConverter::onControl(uint8_t requestType, uint8_t request)
 
 void HdmiOutConverter::queueAck()
 {
-    queueIn(ackBytes());
     traceNote("acknowledgement queued", false);
+    queueIn(ackBytes());
 }
 
 void HdmiOutConverter::queueIn(std::vector<uint8_t> bytes)

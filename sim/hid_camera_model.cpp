@@ -110,26 +110,28 @@ void HidCameraModel::answerWaitingReads()
             return;
         readers.swap(waitingReads_);
     }
-    size_t answered = 0;
+    // Every waiting read gets the report; they are counted and traced
+    // before any caller has it, so whoever sees the module act on the
+    // report also sees it answered.
+    std::vector<std::pair<std::shared_ptr<PendingCall>, size_t>> taken;
     size_t traced = 0;
     for (const auto &read : readers) {
-        size_t n = 0;
-        const bool taken = read->completeWith([&](int *) {
-            n = std::min(report.size(), read->bufferSize());
+        if (!read->claim())
+            continue; // it had just expired
+        const size_t n = std::min(report.size(), read->bufferSize());
+        if (n > 0)
             std::memcpy(read->buffer(), report.data(), n);
-            return static_cast<int>(n);
-        });
-        if (!taken)
-            continue;
-        ++answered;
+        taken.emplace_back(read, n);
         traced = n;
     }
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        readsAnswered_ += answered;
+        readsAnswered_ += taken.size();
     }
-    if (answered > 0)
+    if (!taken.empty())
         trace(false, report.data(), traced, describeSent(report.data(), traced));
+    for (const auto &[read, n] : taken)
+        read->finish(static_cast<int>(n));
 }
 
 void HidCameraModel::failWaitingReads(int err)

@@ -301,43 +301,48 @@ void UsbDevice::queueIn(uint8_t endpoint, std::vector<uint8_t> bytes)
     BulkTransfer record;
     BulkObserver observer;
     bool traced = true;
+    std::shared_ptr<PendingCall> waiting;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!answerWaiting(endpoint, bytes, record)) {
+        waiting = claimWaiting(endpoint, bytes, record);
+        if (!waiting) {
             inQueues_[endpoint].push_back(std::move(bytes));
             return;
         }
         observer = observer_;
         traced = traceBulk_;
     }
+    // Recorded before the host has its answer: whoever sees the host act on
+    // these bytes also sees the transfer that carried them.
     finishBulk(record, traced, observer);
+    waiting->finish(static_cast<int>(record.bytes.size()));
 }
 
-bool UsbDevice::answerWaiting(uint8_t endpoint, std::vector<uint8_t> &bytes, BulkTransfer &record)
+std::shared_ptr<PendingCall> UsbDevice::claimWaiting(uint8_t endpoint, const std::vector<uint8_t> &bytes,
+                                                     BulkTransfer &record)
 {
     waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(),
                                   [](const WaitingIn &w) { return w.call->completed(); }),
                    waiting_.end());
-    for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
-        if (it->endpoint != endpoint)
+    for (auto it = waiting_.begin(); it != waiting_.end();) {
+        if (it->endpoint != endpoint) {
+            ++it;
             continue;
+        }
         const WaitingIn waiting = *it;
+        it = waiting_.erase(it);
+        if (!waiting.call->claim())
+            continue; // it had just expired
         const size_t n = std::min(bytes.size(), waiting.length);
-        const bool taken = waiting.call->completeWith([&](int *) {
-            if (n > 0)
-                std::memcpy(waiting.data, bytes.data(), n);
-            return static_cast<int>(n);
-        });
-        waiting_.erase(it);
-        if (!taken)
-            return answerWaiting(endpoint, bytes, record); // it had just expired
+        if (n > 0)
+            std::memcpy(waiting.data, bytes.data(), n);
         record.when = Clock::now();
         record.endpoint = endpoint;
         record.claimed = waiting.claimed;
         record.bytes.assign(bytes.begin(), bytes.begin() + static_cast<long>(n));
-        return true;
+        return waiting.call;
     }
-    return false;
+    return nullptr;
 }
 
 size_t UsbDevice::waitingIn() const

@@ -222,10 +222,11 @@ private:
     void trace(bool toDevice, const std::string &note, const uint8_t *bytes = nullptr, size_t size = 0);
     // Records, traces and reports a bulk transfer that succeeded.
     void finishBulk(const BulkTransfer &record, bool traced, const BulkObserver &observer);
-    // Under mutex_: ends waiting IN transfers that expired or were
-    // answered, and hands `bytes` to the first one waiting on `endpoint`.
-    // False when none took them.
-    bool answerWaiting(uint8_t endpoint, std::vector<uint8_t> &bytes, BulkTransfer &record);
+    // Under mutex_: drops waiting IN transfers that expired, gives `bytes`
+    // to the oldest one waiting on `endpoint` and returns its call, claimed
+    // and filled but not answered yet; nullptr when none waits.
+    std::shared_ptr<PendingCall> claimWaiting(uint8_t endpoint, const std::vector<uint8_t> &bytes,
+                                              BulkTransfer &record);
 
     Board &board_;
     const UsbDeviceDescription description_;

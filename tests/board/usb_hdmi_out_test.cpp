@@ -589,7 +589,9 @@ TEST_F(HdmiOut, EchoesAndDataNeverShareATransfer)
         std::this_thread::sleep_for(15ms);
     }
     sender.join();
-    ASSERT_TRUE(model->waitForCount(Kind::Echo, acks, kWait));
+    ASSERT_TRUE(model->waitForCount(Kind::Echo, acks, kWait))
+        << model->count(Kind::Echo) << " echoes of " << acks << " acknowledgements; "
+        << (model->errors().empty() ? "no decoding error" : model->errors().front());
     EXPECT_TRUE(model->errors().empty()) << model->errors().front();
     EXPECT_EQ(model->unechoedAcks(), 0u);
     const auto data = model->packets(Kind::Data);
