@@ -457,6 +457,40 @@ TEST(UsbHost, AWaitingBulkInEndsWhenDataComesAndOutTransfersGoOnMeanwhile)
     usb_device_close(device);
 }
 
+// A waiting bulk IN is recorded and reported to the device's observer
+// before the host has its bytes: a converter that sees the host echo what
+// it read has always seen the read first.
+TEST(UsbHost, AWaitingBulkInIsRecordedBeforeTheHostHasIt)
+{
+    sim::Board board;
+    sim::UsbDevice conv(board, converter());
+    std::atomic<bool> observed{false};
+    conv.setBulkObserver([&](const sim::UsbDevice::BulkTransfer &transfer) {
+        // A slow observer: the host must still not have the bytes before it is done.
+        std::this_thread::sleep_for(300ms);
+        if (transfer.endpoint == 0x81)
+            observed = true;
+    });
+    usb_device *device = usb_device_open(conv.devnode().c_str());
+    ASSERT_NE(device, nullptr);
+    int got = 0;
+    bool observedFirst = false;
+    size_t recordedFirst = 0;
+    uint8_t in[512] = {};
+    std::thread reader([&] {
+        got = usb_device_bulk_transfer(device, 0x81, in, sizeof in, 20000);
+        observedFirst = observed;
+        recordedFirst = conv.bulkIn().size();
+    });
+    ASSERT_TRUE(sim::waitUntil([&] { return conv.waitingIn() == 1; }, kWait));
+    conv.queueIn(0x81, bytes({0, 0, 0, 2}));
+    reader.join();
+    EXPECT_EQ(got, 4);
+    EXPECT_TRUE(observedFirst) << "the host had the bytes before the observer saw them";
+    EXPECT_EQ(recordedFirst, 1u) << "the host had the bytes before they were recorded";
+    usb_device_close(device);
+}
+
 // Unplugged while a bulk IN waits: it ends with ENODEV.
 TEST(UsbHost, AWaitingBulkInEndsWithTheDevice)
 {
