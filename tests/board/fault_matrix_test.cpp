@@ -456,17 +456,32 @@ TEST_F(FaultCamera, BadChecksumsAreLoggedAndDroppedAndTheLinkRecovers)
     EXPECT_TRUE(sim::waitUntil([] { return ptz_cam_is_open() == 1u; }, kWire));
 }
 
+// Bytes the module has read from the camera line, from its frame dumps
+// ("read[N]:..." while its debug level is 1 or more).
+size_t bytesReadFromCamera(const avmtest::LogCapture &log)
+{
+    size_t total = 0;
+    for (const auto &line : log.lines()) {
+        if (line.tag == "PTZ" && line.text.rfind("read[", 0) == 0)
+            total += std::strtoul(line.text.c_str() + 5, nullptr, 10);
+    }
+    return total;
+}
+
 TEST_F(FaultCamera, SplitFramesAreLostMergedFramesAreBothTakenAndTheLinkRecovers)
 {
+    ptzHalSetDebugLevel(1); // every read is dumped: the test sees what the module has taken
     camera.setSplitFrames(true);
     EXPECT_EQ(boundedFallback([&] { return temperature(); }, kCameraFallbackMs), -1);
     EXPECT_EQ(log.countContaining("PTZ", "ptz_parse_packet"), 0u);
     camera.setSplitFrames(false);
-    // The last reply's second half may still be on its way; it must not
-    // land in front of the frames below, nor be read with them: the line
-    // stays quiet for well over the reader's 0.1 s inter-byte gap.
-    ASSERT_TRUE(camera.waitUntilSent(kWire));
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    // Every split reply (one per try) must be read before the merged write:
+    // a half still waiting on the line would be read with the frames below
+    // and shift both across reads. Counted from the module's reads, since a
+    // pause proves nothing when its reader runs late.
+    const size_t sent = camera.countFrames(kTempMain, kTempSub) * sim::PtzCameraModel::kFrameSize;
+    EXPECT_TRUE(sim::waitUntil([&] { return bytesReadFromCamera(log) >= sent; }, kWire));
+    EXPECT_EQ(bytesReadFromCamera(log), sent);
 
     // Two frames in one write: the reader takes them as two 64-byte reads.
     const auto open = sim::PtzCameraModel::makeFrame(0x20, 0x00, {});
