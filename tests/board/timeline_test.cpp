@@ -88,20 +88,33 @@ std::vector<json> spansOn(const json &doc, const std::string &row, const std::st
     });
 }
 
-// How many commands starting with `prefix` the module wrote to the DSP:
-// every occurrence in the texts of the module -> device row (a slice is
-// what the DSP read at once, which may hold several commands).
-size_t commandsOnWire(const json &doc, const std::string &prefix)
+// Every occurrence of `pattern` in the texts of a link row (a slice is what
+// the peer read at once, which may hold several commands or frames).
+size_t occurrencesOnRow(const json &doc, const std::string &row, const std::string &pattern)
 {
     size_t n = 0;
-    for (const auto &e : spansOn(doc, "dsp  module -> device", "")) {
+    for (const auto &e : spansOn(doc, row, "")) {
         if (!e.contains("args") || !e["args"].contains("text"))
             continue;
         const std::string text = e["args"]["text"];
-        for (size_t at = text.find(prefix); at != std::string::npos; at = text.find(prefix, at + 1))
+        for (size_t at = text.find(pattern); at != std::string::npos; at = text.find(pattern, at + 1))
             ++n;
     }
     return n;
+}
+
+// How many commands starting with `prefix` the module wrote to the DSP.
+size_t commandsOnWire(const json &doc, const std::string &prefix)
+{
+    return occurrencesOnRow(doc, "dsp  module -> device", prefix);
+}
+
+// How many PTZ frames with these codes the module wrote to the camera: a
+// camera reader that runs late takes several frames in one slice.
+size_t ptzFramesOnWire(const json &doc, uint8_t main, uint8_t sub)
+{
+    const uint8_t head[] = {0xAA, 0xBB, 0xCC, main, sub};
+    return occurrencesOnRow(doc, "ptz  module -> device", sim::renderBytes(head, sizeof head));
 }
 
 // The console of this build plays tests/console/timeline.script with
@@ -318,7 +331,7 @@ TEST(Timeline, ScriptedSessionHoldsTheModulesOwnSpansNestedAndCountedAsOnTheWire
     const auto ptz = halSpans(doc, "ptz request cmd=18");
     ASSERT_EQ(ptz.size(), 1u);
     const auto frames = childrenOf(all, ptz[0]);
-    EXPECT_EQ(frames.size(), spansOn(doc, "ptz  module -> device", "frame 0x20/0xba").size());
+    EXPECT_EQ(frames.size(), ptzFramesOnWire(doc, 0x20, 0xBA));
     for (const auto &frame : frames) {
         const auto outcome = namesOf(childrenOf(all, frame));
         EXPECT_TRUE(outcome == std::vector<std::string>{"ptz answered"} ||
