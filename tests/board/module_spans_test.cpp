@@ -85,18 +85,30 @@ TEST_F(DspSpans, AQueryThatTimesOutIsMarkedSoAndOneThatIsAnsweredToo)
     get_main_mute();
     dsp.setSilent(false);
     audio.setMainMuted(true);
-    EXPECT_EQ(get_main_mute(), 1);
+    // A reply the module reads after its whole wait is a time-out too (a
+    // loaded machine), so the query is asked again until one is answered.
+    constexpr size_t kMaxAnsweredTries = 5;
+    size_t asked = 1;
+    int muted = 0;
+    while (muted != 1 && asked < 1 + kMaxAnsweredTries) {
+        muted = get_main_mute();
+        ++asked;
+    }
+    EXPECT_EQ(muted, 1);
+    // One wait per query on the wire, counted once the DSP has read them all.
+    EXPECT_TRUE(sim::waitUntil([&] { return count(dsp.commands(), "MT=?") == asked; }, 5s));
     const json doc = timelineDoc(timeline);
     const auto all = halSpans(doc);
     const auto waits = halSpans(doc, "dsp reply wait");
-    // One wait per query on the wire.
     ASSERT_EQ(waits.size(), count(dsp.commands(), "MT=?"));
-    ASSERT_EQ(waits.size(), 2u);
+    ASSERT_EQ(waits.size(), asked);
     EXPECT_EQ(waits[0].name, "dsp reply wait query=MT=?");
     EXPECT_EQ(waits[0].args["query"], "MT=?");
-    EXPECT_EQ(outcomes(all, waits[0]), std::vector<std::string>{"dsp timed out"});
-    EXPECT_GE(waits[0].end - waits[0].start, 900000.0) << "the whole wait: nine looks 100 ms apart";
-    EXPECT_EQ(outcomes(all, waits[1]), std::vector<std::string>{"dsp answered"});
+    for (size_t i = 0; i + 1 < waits.size(); ++i) {
+        EXPECT_EQ(outcomes(all, waits[i]), std::vector<std::string>{"dsp timed out"}) << i;
+        EXPECT_GE(waits[i].end - waits[i].start, 900000.0) << "the whole wait: nine looks 100 ms apart";
+    }
+    EXPECT_EQ(outcomes(all, waits.back()), std::vector<std::string>{"dsp answered"});
 
     // Each posted command is an async span from the post (on this thread)
     // to its write (on the transmit thread), and one write span there.
@@ -106,10 +118,13 @@ TEST_F(DspSpans, AQueryThatTimesOutIsMarkedSoAndOneThatIsAnsweredToo)
         EXPECT_GT(c.end, c.start);
         EXPECT_NE(c.beginTid, c.endTid);
     }
-    EXPECT_EQ(halSpans(doc, "dsp write kind=main_mute").size(), 2u);
+    EXPECT_EQ(halSpans(doc, "dsp write kind=main_mute").size(), asked);
     EXPECT_FALSE(avmtest::counterValues(doc, "dsp queued commands").empty());
-    // The receive thread's span for the one reply.
-    EXPECT_EQ(halSpans(doc, "dsp receive handler=dsp_mainMute_status_update").size(), 1u);
+    // The receive thread's span for each reply read so far: the answered
+    // one, and any late reply to a query asked again.
+    const size_t received = halSpans(doc, "dsp receive handler=dsp_mainMute_status_update").size();
+    EXPECT_GE(received, 1u);
+    EXPECT_LE(received, asked - 1);
 }
 
 TEST_F(DspSpans, TheUpgradeIsNestedInTheRestoreAndAResentChunkIsASecondChunkSpan)
