@@ -479,6 +479,9 @@ TEST_F(FaultCamera, SplitFramesAreLostMergedFramesAreBothTakenAndTheLinkRecovers
     // a half still waiting on the line would be read with the frames below
     // and shift both across reads. Counted from the module's reads, since a
     // pause proves nothing when its reader runs late.
+    // The camera answers each of the three tries once it has read it, which
+    // a late camera reader does after the request gave up.
+    ASSERT_TRUE(camera.waitForFrames(kTempMain, kTempSub, 3, kWire));
     const size_t sent = camera.countFrames(kTempMain, kTempSub) * sim::PtzCameraModel::kFrameSize;
     EXPECT_TRUE(sim::waitUntil([&] { return bytesReadFromCamera(log) >= sent; }, kWire));
     EXPECT_EQ(bytesReadFromCamera(log), sent);
