@@ -11,6 +11,7 @@
  */
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -107,6 +108,18 @@ void addFigModels(sim::Board &board, ModelSet &models, sim::DspModel *dsp);
 // Faults of the platform under the module ("store": the property store
 // refusing writes; console_faults.cpp).
 void addFaultModels(sim::Board &board, ModelSet &models);
+
+// ------------------------------------------------------------ restores
+
+// Follows the module's parameter restores through its trace
+// (console_restores.cpp). Registered before the module starts; false when
+// the tracer takes no more sinks.
+bool watchRestores();
+// Whether watchRestores() took: with --no-module the module runs in
+// avmctl's process and its restores are not seen here.
+bool restoresWatched();
+// How many restore threads (both passes) have ended so far.
+uint64_t restoresEnded();
 
 // ------------------------------------------------------------ operations
 

@@ -368,6 +368,10 @@ int main(int argc, char **argv)
 
         const avmanager_module_t *hal = nullptr;
         if (loadModule) {
+            // Before the module's first thread: its restores are followed
+            // from their first span.
+            if (!watchRestores())
+                consolePrint("cannot follow the module's restores: the tracer takes no more sinks");
             const hw_module_t *module = nullptr;
             const int loaded = hw_get_module(AVMANAGER_HARDWARE_MODULE_ID, &module);
             if (loaded != 0 || !module) {

@@ -130,27 +130,43 @@ bool dspCommands(sim::DspModel &dsp, const Args &args)
     return false;
 }
 
+// The restores ended when the DSP last restarted: a wait looks for one
+// after it.
+uint64_t gRestoresAtRestart = 0;
+
 bool dspFileCommands(sim::DspFileStore &files, const Args &args)
 {
     if (args.size() == 1 && args[0] == "reboot") {
+        gRestoresAtRestart = restoresEnded();
         files.reboot();
         return true;
     }
     if (args.size() == 1 && args[0] == "forget") {
         // A DSP without its configuration copy: the next restore sends the
         // whole bundle.
+        gRestoresAtRestart = restoresEnded();
         files.removeFile(sim::kDspConfigPath);
         files.reboot();
         return true;
     }
     long ms = 0;
     if (args.size() == 2 && args[0] == "wait" && parseInt(args[1], &ms) && ms > 0) {
-        // Until the DSP holds its configuration copy (an upgrade ended with
-        // FWEND), so a script waits for the upgrade rather than for a time
-        // that a busy machine may overrun.
-        const bool held = sim::waitUntil([&files] { return files.file(sim::kDspConfigPath).has_value(); },
-                                         std::chrono::milliseconds(ms));
-        consolePrint(held ? "configuration copy held" : "no configuration copy after " + args[1] + " ms");
+        // Until the DSP holds its configuration copy and the module's restore
+        // that its last restart (or start-up) began has ended, so a script
+        // waits for the upgrade and the restore rather than for a time that
+        // a busy machine may overrun; a restart during the restore would go
+        // unheard.
+        if (!restoresWatched()) {
+            consolePrint("dspfs wait: the module's restores are not seen here (--no-module)");
+            return true;
+        }
+        const bool done = sim::waitUntil(
+            [&files] {
+                return restoresEnded() > gRestoresAtRestart && files.file(sim::kDspConfigPath).has_value();
+            },
+            std::chrono::milliseconds(ms));
+        consolePrint(done ? "configuration copy held, restore ended"
+                          : "no configuration copy and ended restore after " + args[1] + " ms");
         return true;
     }
     if (args.size() == 1 && args[0] == "log") {
