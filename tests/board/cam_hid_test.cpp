@@ -6,6 +6,7 @@
 // lines and the channel's state.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cerrno>
 #include <climits>
@@ -289,6 +290,39 @@ TEST_F(CamHidBoard, AReadWaitsForTheCamerasNextReportAndEndsWithIt)
     EXPECT_EQ(log.countContaining("hidraw", "CamHidTransferFile: recved size 64 "), 1u);
     // The thread reads on, and waits again.
     EXPECT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+}
+
+// A waiting read's report is counted and traced before the module has it,
+// so whoever sees the module act on a report also sees it answered: a slow
+// trace listener holds the report back, and the module has not acted on
+// it when the listener returns.
+TEST_F(CamHidBoard, AWaitingReadsReportIsCountedAndTracedBeforeTheModuleHasIt)
+{
+    auto &camera = add("/dev/hidraw0");
+    std::atomic<int> traced{0};
+    std::atomic<size_t> answeredWhenTraced{0};
+    std::atomic<bool> actedBeforeTraced{false};
+    const int listener = board.trace().addListener([&](const sim::TraceEvent &event) {
+        if (event.link != "hid" || event.toDevice)
+            return;
+        answeredWhenTraced = camera.readsAnswered();
+        std::this_thread::sleep_for(300ms);
+        if (avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.0.2")
+            actedBeforeTraced = true;
+        ++traced;
+    });
+    ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
+    ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
+    std::vector<uint8_t> answer(64, 0);
+    const uint8_t head[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07, 0x00, 0x00};
+    std::memcpy(answer.data(), head, sizeof head);
+    std::memcpy(answer.data() + sizeof head, "X3M-DUAL 3.0.2", 14);
+    camera.sendReport(answer);
+    EXPECT_TRUE(sim::waitUntil([] { return avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.0.2"; }, kWait));
+    board.trace().removeListener(listener);
+    EXPECT_EQ(traced.load(), 1);
+    EXPECT_EQ(answeredWhenTraced.load(), 1u) << "traced before it was counted";
+    EXPECT_FALSE(actedBeforeTraced.load()) << "the module had the report before it was traced";
 }
 
 // The module writes on the descriptor its receive thread reads: a read
