@@ -151,22 +151,25 @@ bool dspFileCommands(sim::DspFileStore &files, const Args &args)
     }
     long ms = 0;
     if (args.size() == 2 && args[0] == "wait" && parseInt(args[1], &ms) && ms > 0) {
-        // Until the DSP holds its configuration copy and the module's restore
-        // that its last restart (or start-up) began has ended, so a script
-        // waits for the upgrade and the restore rather than for a time that
-        // a busy machine may overrun; a restart during the restore would go
-        // unheard.
+        // Until the module's restore that the DSP's last restart (or
+        // start-up) began has ended, so a script waits for the upgrade and
+        // the restore rather than for a time that a busy machine may
+        // overrun: a restart during the restore would go unheard. Whether
+        // the DSP then holds its copy is said, not waited for: an upgrade
+        // that failed in both passes is not tried again until the next
+        // restart.
         if (!restoresWatched()) {
             consolePrint("dspfs wait: the module's restores are not seen here (--no-module)");
             return true;
         }
-        const bool done = sim::waitUntil(
-            [&files] {
-                return restoresEnded() > gRestoresAtRestart && files.file(sim::kDspConfigPath).has_value();
-            },
-            std::chrono::milliseconds(ms));
-        consolePrint(done ? "configuration copy held, restore ended"
-                          : "no configuration copy and ended restore after " + args[1] + " ms");
+        const bool ended =
+            sim::waitUntil([] { return restoresEnded() > gRestoresAtRestart; }, std::chrono::milliseconds(ms));
+        if (!ended)
+            consolePrint("no restore ended after " + args[1] + " ms");
+        else if (files.file(sim::kDspConfigPath))
+            consolePrint("configuration copy held, restore ended");
+        else
+            consolePrint("restore ended without a configuration copy");
         return true;
     }
     if (args.size() == 1 && args[0] == "log") {
