@@ -6,6 +6,7 @@
 // lines and the channel's state.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cerrno>
@@ -39,6 +40,16 @@ namespace {
 constexpr uint32_t kVid = 0x2E7D;
 constexpr uint32_t kPid = 0x051A;
 constexpr auto kWait = 5s;
+
+// The camera's 64-byte answer to a version request, carrying `version`.
+std::vector<uint8_t> versionAnswer(const std::string &version)
+{
+    std::vector<uint8_t> answer(64, 0);
+    const uint8_t head[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07, 0x00, 0x00};
+    std::memcpy(answer.data(), head, sizeof head);
+    std::memcpy(answer.data() + sizeof head, version.data(), std::min(version.size(), answer.size() - sizeof head));
+    return answer;
+}
 
 std::string channelPath()
 {
@@ -280,11 +291,7 @@ TEST_F(CamHidBoard, AReadWaitsForTheCamerasNextReportAndEndsWithIt)
     EXPECT_EQ(camera.readsAnswered(), 0u);
     EXPECT_EQ(log.countContaining("hidraw", "CamHidTransferFile: recved size"), 0u);
 
-    std::vector<uint8_t> answer(64, 0);
-    const uint8_t head[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07, 0x00, 0x00};
-    std::memcpy(answer.data(), head, sizeof head);
-    std::memcpy(answer.data() + sizeof head, "X3M-DUAL 3.0.0", 14);
-    camera.sendReport(answer);
+    camera.sendReport(versionAnswer("X3M-DUAL 3.0.0"));
     EXPECT_TRUE(sim::waitUntil([] { return avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.0.0"; }, kWait));
     EXPECT_EQ(camera.readsAnswered(), 1u);
     EXPECT_EQ(log.countContaining("hidraw", "CamHidTransferFile: recved size 64 "), 1u);
@@ -313,11 +320,7 @@ TEST_F(CamHidBoard, AWaitingReadsReportIsCountedAndTracedBeforeTheModuleHasIt)
     });
     ASSERT_EQ(hal_hidraw_init(kVid, kPid), 0);
     ASSERT_TRUE(sim::waitUntil([&] { return camera.readsWaiting() == 1; }, kWait));
-    std::vector<uint8_t> answer(64, 0);
-    const uint8_t head[] = {0xAA, 0xBB, 0xCC, 0x20, 0x07, 0x00, 0x00};
-    std::memcpy(answer.data(), head, sizeof head);
-    std::memcpy(answer.data() + sizeof head, "X3M-DUAL 3.0.2", 14);
-    camera.sendReport(answer);
+    camera.sendReport(versionAnswer("X3M-DUAL 3.0.2"));
     EXPECT_TRUE(sim::waitUntil([] { return avmtest::prop(CAM_VERSION_PROPERTY) == "X3M-DUAL 3.0.2"; }, kWait));
     board.trace().removeListener(listener);
     EXPECT_EQ(traced.load(), 1);
